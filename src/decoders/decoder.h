@@ -1,0 +1,84 @@
+/* The decoder object: what is known about the chip, the operations its driver
+ * implements, and one record per video input. */
+#pragma once
+
+#include <cstdint>
+#include <glib.h>
+
+#define MAX_SOURCES 4
+
+/* Chip kinds (Decoder.dec_chip). */
+enum {
+    video_tp2826 = 1,
+    video_tp2827 = 2,
+};
+
+struct Channel;
+struct Decoder;
+struct DetectState;
+struct EncoderEvents;
+struct OverlayHandler;
+typedef struct _DbusEncoderVideo DbusEncoderVideo;
+
+/* The chip driver's operations. Any slot may be empty (nullptr): the TP2826
+ * has no transmit_ptz. Every call is made with the decoder's lock held. */
+struct DecoderOps {
+    /* Image control defaults and the channel's chip_state. Non-zero on success. */
+    int32_t (*setup_channel)(Channel *channel);
+    /* Sends one PTZ record (size is always 5) over the coax link. */
+    void (*transmit_ptz)(Decoder *dec, const uint8_t *record, size_t size);
+    /* One detection step; reports the detected VideoType and the channel's standard. */
+    void (*detect_video_type)(Channel *channel, int32_t *video_type, int32_t *standard);
+    int32_t (*set_saturation)(Channel *channel, uint32_t value);
+    int32_t (*set_brightness)(Channel *channel, uint32_t value);
+    int32_t (*set_contrast)(Channel *channel, uint32_t value);
+    int32_t (*set_hue)(Channel *channel, uint8_t value);
+    int32_t (*set_sharpness)(Channel *channel, uint32_t value);
+    int32_t (*set_xoffset)(Channel *channel, int32_t offset);
+    int32_t (*set_yoffset)(Channel *channel, int32_t offset);
+    /* 0 on success, -1 when the format can't be programmed. */
+    int32_t (*set_video_standard)(Channel *channel, int32_t standard, int32_t video_type,
+                                  uint8_t auto_mode, uint8_t internal);
+    /* Non-zero when the chip sees locked video on the channel. */
+    int32_t (*video_status)(Channel *channel);
+    int32_t (*enable_irq)(Channel *channel, int32_t enable);
+    /* Reads and clears the interrupt status: bit value 2 is video loss/detect. */
+    int32_t (*irq_status)(Decoder *dec);
+};
+
+struct Channel {
+    int32_t index;
+    Decoder *decoder; /* not owned */
+    int32_t video_type;    /* VideoType */
+    int32_t detected_type; /* VideoType; -1 until first determined */
+    uint8_t configured;
+    uint32_t saturation;
+    uint32_t brightness;
+    uint32_t contrast;
+    uint32_t hue;
+    uint32_t sharpness;
+    int32_t xoffset;
+    int32_t yoffset;
+    int32_t standard;     /* VideoStandard */
+    int32_t capture_mode; /* CaptureMode; negative when it could not be read */
+    uint8_t auto_mode;
+    uint8_t capture_mode_changed;
+    DetectState *chip_state; /* owned */
+    uint32_t base_position;  /* chip driver only: hstart and vstart after the last format */
+    DbusEncoderVideo *video_object;
+};
+
+struct Decoder {
+    const char *name;
+    int32_t dec_chip;
+    int32_t nbr_channels;
+    Channel *channels; /* owned, nbr_channels records */
+    DecoderOps ops;
+    int32_t i2c_fd;
+    const char *i2c_device;
+    uint32_t i2c_address; /* 8-bit form */
+    GMutex *lock;         /* owned; held around every operation slot call */
+    GMutex *chip_lock;    /* owned by the chip driver; always taken after lock */
+    EncoderEvents *events;
+    OverlayHandler *overlay;
+};
