@@ -48,7 +48,7 @@ struct DecoderOps {
 
 struct Channel {
     int32_t index;
-    Decoder *decoder; /* not owned */
+    Decoder *decoder;      /* not owned */
     int32_t video_type;    /* VideoType */
     int32_t detected_type; /* VideoType; -1 until first determined */
     uint8_t configured;
