@@ -82,3 +82,27 @@ struct Decoder {
     EncoderEvents *events;
     OverlayHandler *overlay;
 };
+
+/* Brings the hardware and every channel up: reset pulse, interrupt line, chip
+ * probe and initialisation, events, overlay, configuration, per-channel set-up
+ * (fixed channels programmed at once) and one connected = false event per
+ * channel. Returns the decoder, or nullptr when any essential step failed. */
+Decoder *decoder_create(void);
+/* Destroys everything decoder_create made; accepts a partly built decoder. Run
+ * only after every other thread has been joined. */
+void decoder_exit(Decoder *dec);
+
+/* Enables each channel's interrupt and reports each fixed channel's initial
+ * video state. Called with lock held. */
+void decoder_enable_irq(Decoder *dec);
+
+/* The image controls, each under lock. -1 when the channel, its decoder or the
+ * slot is missing; otherwise the slot's result (0 on success). The value is not
+ * stored in the channel. */
+int32_t decoder_set_saturation(Channel *channel, uint32_t value);
+int32_t decoder_set_brightness(Channel *channel, uint32_t value);
+int32_t decoder_set_contrast(Channel *channel, uint32_t value);
+int32_t decoder_set_hue(Channel *channel, uint32_t value);
+int32_t decoder_set_sharpness(Channel *channel, uint32_t value);
+int32_t decoder_set_xoffset(Channel *channel, int32_t value);
+int32_t decoder_set_yoffset(Channel *channel, int32_t value);
