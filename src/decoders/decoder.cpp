@@ -3,6 +3,7 @@
 #include <glib-object.h>
 
 #include "configfile.h"
+#include "dbus_binding.h"
 #include "decoder_types.h"
 #include "encoder_events.h"
 #include "gpio.h"
@@ -10,6 +11,7 @@
 #include "overlay.h"
 #include "tp28xx.h"
 #include "util.h"
+#include "video_input_type.h"
 
 namespace
 {
@@ -190,4 +192,44 @@ int32_t decoder_set_xoffset(Channel *channel, int32_t value)
 int32_t decoder_set_yoffset(Channel *channel, int32_t value)
 {
     return call_locked(channel, &DecoderOps::set_yoffset, value);
+}
+
+int32_t decoder_set_video_standard(Channel *channel, int32_t standard, int32_t video_type,
+                                   uint8_t auto_mode, uint8_t internal)
+{
+    if (channel == nullptr || channel->decoder == nullptr ||
+        channel->decoder->ops.set_video_standard == nullptr)
+        return -1;
+    Decoder *dec = channel->decoder;
+
+    g_mutex_lock(dec->lock);
+    int32_t previous = channel->video_type;
+    int32_t result =
+        dec->ops.set_video_standard(channel, standard, video_type, auto_mode, internal);
+    int32_t capture_mode = channel->capture_mode;
+    int32_t current = channel->video_type;
+    g_mutex_unlock(dec->lock);
+
+    if (auto_mode == 0) {
+        /* The other services are called without the lock: they block on the
+         * bus. Only the field updates take it. */
+        int32_t wanted = video_type_to_capture_mode(video_type);
+        if (wanted != capture_mode && set_capture_mode(wanted, channel->index) >= 0) {
+            overlay_set_config_changed(dec->overlay, channel->index);
+            g_mutex_lock(dec->lock);
+            channel->capture_mode = wanted;
+            channel->capture_mode_changed = 1;
+            g_mutex_unlock(dec->lock);
+        }
+        if (video_type_is_valid(current) && current != previous) {
+            video_object_set_video_type(channel);
+            update_video_input_type(channel);
+            set_capture_frequency(channel);
+        }
+    }
+
+    g_mutex_lock(dec->lock);
+    config_file_save_channel(channel);
+    g_mutex_unlock(dec->lock);
+    return result;
 }

@@ -106,3 +106,11 @@ int32_t decoder_set_hue(Channel *channel, uint32_t value);
 int32_t decoder_set_sharpness(Channel *channel, uint32_t value);
 int32_t decoder_set_xoffset(Channel *channel, int32_t value);
 int32_t decoder_set_yoffset(Channel *channel, int32_t value);
+
+/* Sets a channel's format (or automatic mode) for a client: the slot under
+ * lock, then, for a fixed format, the capture mode, the published video type,
+ * the video input type and the capture frequency outside it, and the
+ * configuration save under it. -1 when the channel, its decoder or the slot
+ * is missing; otherwise the slot's result. */
+int32_t decoder_set_video_standard(Channel *channel, int32_t standard, int32_t video_type,
+                                   uint8_t auto_mode, uint8_t internal);
