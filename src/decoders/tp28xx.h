@@ -144,4 +144,4 @@ int32_t tp28xx_set_yoffset(Channel *channel, int32_t offset);
 /* ---- PTZ ------------------------------------------------------------------- */
 
 /* Sends one 5-byte record (channel, four data bytes) up the coax cable. */
-void tp28xx_transmit_ptz(Decoder *dec, const uint8_t *record, size_t size);
+void tp28xx_transmit_ptz(Decoder *dec, const uint8_t *data, size_t size);
