@@ -21,13 +21,13 @@ GLogWriterOutput syslog_writer(GLogLevelFlags level, const GLogField *fields, gs
     }
     if (message == nullptr)
         return G_LOG_WRITER_UNHANDLED;
-    syslog(korvi_log_priority(level), "%s", message);
+    syslog(korvi_log_priority(korvi_log_level_bits(level)), "%s", message);
     return G_LOG_WRITER_HANDLED;
 }
 
 } // namespace
 
-int korvi_log_priority(GLogLevelFlags level)
+int korvi_log_priority(unsigned level)
 {
     if (level & (G_LOG_LEVEL_ERROR | KORVI_LOG_LEVEL_ERROR))
         return LOG_ERR;

@@ -22,10 +22,23 @@ void korvi_log_syslog(int argc, char **argv);
  * keeps working: syslog(3) reopens the connection on the next message. */
 void korvi_log_cleanup(void);
 
-/* Syslog priority for a GLib level (the highest-priority bit wins). */
-int korvi_log_priority(GLogLevelFlags level);
+/* Syslog priority for the bits of a GLib level (the highest-priority bit wins). */
+int korvi_log_priority(unsigned level);
 
 G_END_DECLS
+
+#ifdef __cplusplus
+#include <cstring>
+/* The bits of a level as GLib passes it to a writer. A user-defined level lies
+ * outside the values C++ allows in a GLogLevelFlags, so the parameter is
+ * copied, never read as the enumeration. */
+static inline unsigned korvi_log_level_bits(const GLogLevelFlags &level)
+{
+    unsigned bits;
+    memcpy(&bits, &level, sizeof bits);
+    return bits;
+}
+#endif
 
 /* The helpers the modules log with. The format's leading "%s" takes the
  * prefix; formats that start with "%s%s" take the caller's name next. */
