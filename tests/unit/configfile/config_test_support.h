@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <glib.h>
 #include <ostream>
@@ -20,15 +21,15 @@
 class TempDir
 {
   public:
-    TempDir()
+    /* Under base when given (it must exist), else under $TMPDIR. */
+    explicit TempDir(const char *base = nullptr)
     {
-        g_autoptr(GError) error = nullptr;
-        gchar *dir = g_dir_make_tmp("vinmand-conf-XXXXXX", &error);
-        if (dir == nullptr)
-            ADD_FAILURE() << "cannot make a temporary directory: " << error->message;
+        std::string tmpl = std::string(base ? base : g_get_tmp_dir()) + "/vinmand-conf-XXXXXX";
+        if (g_mkdtemp(tmpl.data()) == nullptr)
+            ADD_FAILURE() << "cannot make a temporary directory " << tmpl << ": "
+                          << g_strerror(errno);
         else
-            path_ = dir;
-        g_free(dir);
+            path_ = tmpl;
     }
     ~TempDir()
     {
