@@ -530,7 +530,7 @@ void ChipModel::write_reg(uint8_t r, uint8_t v, uint64_t now)
 
 int ChipModel::check_transfer(size_t first_reg, size_t count) const
 {
-    if (absent_ || address_ != CHIP_ADDRESS)
+    if (absent_ || in_reset_ || address_ != CHIP_ADDRESS)
         return -ENXIO;
     if (nack_all_)
         return -EREMOTEIO;
@@ -600,17 +600,29 @@ int ChipModel::read(uint8_t *buf, size_t len)
     });
 }
 
+void ChipModel::reset_locked(uint64_t now)
+{
+    power_on();
+    for (int ch = 0; ch < NUM_CHANNELS; ch++) {
+        Input &in = inputs_[ch];
+        in.ptz_in_flight.clear();
+        in.fits = false;
+        in.locked = false;
+        update_fit(ch, now);
+    }
+}
+
 void ChipModel::reset()
 {
+    run([&](uint64_t now) { reset_locked(now); });
+}
+
+void ChipModel::set_reset_line(bool asserted)
+{
     run([&](uint64_t now) {
-        power_on();
-        for (int ch = 0; ch < NUM_CHANNELS; ch++) {
-            Input &in = inputs_[ch];
-            in.ptz_in_flight.clear();
-            in.fits = false;
-            in.locked = false;
-            update_fit(ch, now);
-        }
+        if (asserted && !in_reset_)
+            reset_locked(now);
+        in_reset_ = asserted;
     });
 }
 

@@ -80,10 +80,9 @@
  *   bank send on all four channels; in an auxiliary bank nothing.
  *
  * Reset
- *   reset() restores the power-on registers (channel banks hold the default
- *   format: 720p-class timing, line length 1650, full-rate mode), clears the
- *   interrupts and transmissions in flight; cameras, PTZ history, faults and
- *   counters stay.
+ *   reset() (or asserting the reset line) restores the power-on registers (channel banks hold the
+ * default format: 720p-class timing, line length 1650, full-rate mode), clears the interrupts and
+ * transmissions in flight; cameras, PTZ history, faults and counters stay.
  *
  * Time: an injectable monotonic clock in microseconds. Every public call first
  * brings the model up to clock(); next_deadline_us() tells when the next
@@ -197,6 +196,9 @@ class ChipModel
     int read(uint8_t *buf, size_t len);
 
     void reset();
+    /* The reset input: asserting it resets the chip and keeps it off the bus
+     * (transfers fail with -ENXIO) until it is released. */
+    void set_reset_line(bool asserted);
 
     /* Cameras. plug() replaces any camera on the input; false for an invalid
      * camera or channel. */
@@ -257,6 +259,7 @@ class ChipModel
     template <class F>
     auto run(F &&f);
     void power_on();
+    void reset_locked(uint64_t now);
     void advance(uint64_t now);
     void raise_event(int ch);
     void update_fit(int ch, uint64_t now);
@@ -287,6 +290,7 @@ class ChipModel
     uint64_t ptz_time_us_ = 1000;
 
     bool absent_ = false;
+    bool in_reset_ = false;
     bool nack_all_ = false;
     int nack_reg_ = -1;
 

@@ -223,6 +223,21 @@ TEST_F(Bus, ResetRestoresPowerOnValues)
     EXPECT_EQ(model->channel(1).status, 0x14) << "synced, no longer locked";
 }
 
+TEST_F(Bus, ResetLineSilencesTheChipWhileAsserted)
+{
+    bus_write(*model, 0x40, 0x02);
+    bus_write(*model, 0x10, 0x5A);
+    model->set_reset_line(true);
+    EXPECT_EQ(bus_read(*model, 0x40), -1);
+    EXPECT_EQ(model->reg(0x02, 0x10), 0x00) << "reset on assertion";
+    model->set_reset_line(false);
+    EXPECT_EQ(bus_read(*model, 0x40), 0x00);
+    bus_write(*model, 0x40, 0x02);
+    bus_write(*model, 0x10, 0x5A);
+    model->set_reset_line(false);
+    EXPECT_EQ(model->reg(0x02, 0x10), 0x5A) << "releasing alone resets nothing";
+}
+
 TEST_F(Bus, ConcurrentCallersSeeConsistentState)
 {
     model->set_lock_delay_us(0);
