@@ -1,4 +1,4 @@
-/* TP2826 specifics: the output port set-up in two-channel SDR mode and the
+/* What only the TP2826 has: the output port set-up in two-channel SDR mode and the
  * chip's own PAL and NTSC setters. */
 #include "tp2826.h"
 
@@ -14,16 +14,17 @@ namespace
 constexpr auto W = reg_write;
 constexpr auto U = reg_update;
 
+/* clang-format off */
 /* Common to all channels, on the page selected by the caller. 0xF6 takes the
  * mode itself and is written separately. */
 constexpr RegStep output_sdr_2ch_before_mode[] = {
-    W(0xF5, 0x0F), W(0xF1, 0x04), W(0x4D, 0x07), W(0x4E, 0x05),
-    W(0x4F, 0x03), W(0x44, 0x47), W(0xFA, 0x88), W(0xFB, 0x88),
+    W(0xF5, 0x0F), W(0xF1, 0x04), W(0x4D, 0x07), W(0x4E, 0x05), W(0x4F, 0x03), W(0x44, 0x47),
+    W(0xFA, 0x88), W(0xFB, 0x88),
 };
 constexpr uint8_t OUTPUT_MODE_REG = 0xF6;
 constexpr RegStep output_sdr_2ch_after_mode[] = {
-    W(0xF8, 0x23), W(0x50, 0x00), W(0x51, 0x00), W(0x52, 0x00), W(0x53, 0x00),
-    W(0xF3, 0x77), W(0xF2, 0x77), W(0x44, 0x07), W(0x4D, 0x07), W(0x4E, 0x05),
+    W(0xF8, 0x23), W(0x50, 0x00), W(0x51, 0x00), W(0x52, 0x00), W(0x53, 0x00), W(0xF3, 0x77),
+    W(0xF2, 0x77), W(0x44, 0x07), W(0x4D, 0x07), W(0x4E, 0x05),
 };
 
 /* Per channel, on the channel's page: channels 0 and 2 take 0x34=0x10,
@@ -38,6 +39,7 @@ constexpr RegStep output_channel_slot1[] = {W(0x02, 0xCF), W(0x34, 0x11)};
  * or the default format left in 0x07, so that PAL after NTSC and PAL after a
  * reset would differ. */
 constexpr RegStep out_sd[] = {U(0x07, 0x07, 0x07)};
+/* clang-format on */
 
 /* The TP2826 SD setters are the TP2827 ones with 0x07 updated instead of 0x02
  * and without the output clock step, which the TP2826 does not have. */

@@ -1,4 +1,4 @@
-/* TP2826 specifics: its output port set-up and its own PAL and NTSC setters.
+/* What only the TP2826 has: its output port set-up and its own PAL and NTSC setters.
  * Every other format uses the TP2827 setters (tp2827.h). */
 #pragma once
 

@@ -47,15 +47,15 @@ enum class SetterClosing {
 };
 
 struct FormatSetter {
-    std::span<const RegStep> first;  /* 0x35 (and 0x36) */
-    const uint8_t *timing;           /* nine bytes for registers 0x15..0x1D */
-    std::span<const RegStep> output; /* the update of 0x02 (or 0x07), may be empty */
-    bool output_before_timing;       /* 4K and QHD 25/30 update 0x02 first */
-    std::span<const RegStep> shared; /* the shared block */
-    std::span<const RegStep> ahd;    /* VS_AHD block, may be empty */
-    std::span<const RegStep> cvi;    /* VS_CVI block, may be empty */
-    SetterClosing closing;
-    bool channel0_only; /* 4K12, 4K15, QHDP25, QHDP30 */
+    std::span<const RegStep> first = {};  /* 0x35 (and 0x36) */
+    const uint8_t *timing = nullptr;      /* nine bytes for registers 0x15..0x1D */
+    std::span<const RegStep> output = {}; /* the update of 0x02 (or 0x07) */
+    bool output_before_timing = false;    /* 4K and QHD 25/30 update 0x02 first */
+    std::span<const RegStep> shared = {}; /* the shared block */
+    std::span<const RegStep> ahd = {};    /* VS_AHD block, empty if none */
+    std::span<const RegStep> cvi = {};    /* VS_CVI block, empty if none */
+    SetterClosing closing = SetterClosing::NONE;
+    bool channel0_only = false; /* 4K12, 4K15, QHDP25, QHDP30 */
 };
 
 /* Runs a setter on the channel's page (selected here and left selected). */
