@@ -11,12 +11,13 @@
 #include <vector>
 
 #include "decoder_types.h"
+#include "korvi_log.h"
 
 namespace
 {
 
 struct Logged {
-    GLogLevelFlags level;
+    unsigned level; /* GLogLevelFlags bits */
     std::string text;
 };
 
@@ -31,7 +32,7 @@ GLogWriterOutput recording_writer(GLogLevelFlags level, const GLogField *fields,
     for (gsize i = 0; i < n_fields; i++) {
         if (g_strcmp0(fields[i].key, "MESSAGE") == 0) {
             std::lock_guard<std::mutex> guard(logged_mutex);
-            logged.push_back({static_cast<GLogLevelFlags>(level & G_LOG_LEVEL_MASK),
+            logged.push_back({korvi_log_level_bits(level) & G_LOG_LEVEL_MASK,
                               static_cast<const char *>(fields[i].value)});
             break;
         }
@@ -196,7 +197,7 @@ TEST_F(DecoderTypesLog, CaptureModeFallbackIsLoggedAtInfo)
         std::vector<Logged> got = take_logged();
         ASSERT_EQ(got.size(), 1u) << type;
         EXPECT_EQ(got[0].text, text);
-        EXPECT_EQ(got[0].level, G_LOG_LEVEL_INFO);
+        EXPECT_EQ(got[0].level, static_cast<unsigned>(G_LOG_LEVEL_INFO));
     }
 }
 
@@ -217,7 +218,7 @@ TEST_F(DecoderTypesLog, CaptureModeToCaptureStandard)
         ASSERT_EQ(got.size(), 1u) << bad;
         EXPECT_EQ(got[0].text,
                   "Unsupported capturemode " + std::to_string(bad) + ", defaulting to PAL");
-        EXPECT_EQ(got[0].level, G_LOG_LEVEL_WARNING);
+        EXPECT_EQ(got[0].level, static_cast<unsigned>(G_LOG_LEVEL_WARNING));
     }
 }
 
