@@ -30,7 +30,7 @@ void on_method_call(GDBusConnection *, const gchar *, const gchar *, const gchar
     static_cast<ObjectSpec *>(user_data)->on_method(method, parameters, invocation);
 }
 
-GVariant *on_get_property(GDBusConnection *, const gchar *, const gchar *, const gchar *,
+GVariant *on_get_property(GDBusConnection *connection, const gchar *, const gchar *, const gchar *,
                           const gchar *property, GError **error, gpointer user_data)
 {
     auto *spec = static_cast<ObjectSpec *>(user_data);
@@ -38,7 +38,7 @@ GVariant *on_get_property(GDBusConnection *, const gchar *, const gchar *, const
         g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "No property %s", property);
         return nullptr;
     }
-    return spec->on_get_property(property, error);
+    return spec->on_get_property(connection, property, error);
 }
 
 const GDBusInterfaceVTable vtable = {on_method_call, on_get_property, nullptr, {}};
@@ -107,13 +107,6 @@ ServiceThread::~ServiceThread()
     thread_.join();
     g_main_loop_unref(loop_);
     g_main_context_unref(context_);
-}
-
-void ServiceThread::emit_signal(const std::string &path, const std::string &interface,
-                                const std::string &name, GVariant *parameters)
-{
-    g_dbus_connection_emit_signal(connection_, nullptr, path.c_str(), interface.c_str(),
-                                  name.c_str(), parameters, nullptr);
 }
 
 } // namespace testbus

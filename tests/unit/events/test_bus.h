@@ -31,9 +31,11 @@ class PrivateSystemBus
  * a reply or an error on the invocation. */
 using MethodHandler = std::function<void(const gchar *method, GVariant *parameters,
                                          GDBusMethodInvocation *invocation)>;
-/* Called on the service thread for each property read; returns a new or
- * floating value, nullptr with error set to refuse. */
-using PropertyHandler = std::function<GVariant *(const gchar *property, GError **error)>;
+/* Called on the service thread for each property read, with the service's
+ * connection; returns a new or floating value, nullptr with error set to
+ * refuse. */
+using PropertyHandler =
+    std::function<GVariant *(GDBusConnection *connection, const gchar *property, GError **error)>;
 
 struct ObjectSpec {
     std::string path;
