@@ -254,7 +254,7 @@ static GVariant *declaration_to_variant(const EventDeclaration *declaration)
         g_variant_builder_add(&entry, "{sv}", "type",
                               g_variant_new_uint32(static_cast<guint32>(k.type)));
         if (k.value)
-            g_variant_builder_add(&entry, "{sv}", "value", g_variant_new_variant(k.value.get()));
+            g_variant_builder_add(&entry, "{sv}", "value", k.value.get());
         if (k.name_space)
             g_variant_builder_add(&entry, "{sv}", "namespace",
                                   g_variant_new_string(k.name_space->c_str()));

@@ -26,9 +26,9 @@
  *   "property"  b      present and true when the declaration is a property
  *                      (stateful) event
  * Example:
- *   {'keys': <{'topic0': <{'type': <uint32 4>, 'value': <<'VideoEncoder'>>,
+ *   {'keys': <{'topic0': <{'type': <uint32 4>, 'value': <'VideoEncoder'>,
  *                           'namespace': <'tns1'>, 'value-nice-name': <'Video encoder'>}>,
- *              'channel': <{'type': <uint32 1>, 'value': <<uint32 1>>,
+ *              'channel': <{'type': <uint32 1>, 'value': <uint32 1>,
  *                           'key-nice-name': <'Channel'>, 'tags': <['onvif-source']>}>,
  *              'connected': <{'type': <uint32 2>, 'key-nice-name': <'Connected'>,
  *                             'tags': <['onvif-data', 'property-state']>}>}>,

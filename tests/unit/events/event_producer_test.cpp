@@ -110,9 +110,9 @@ TEST_F(EventProducerTest, DeclarationReachesTheServiceAsDocumented)
     ASSERT_EQ(received.declares.size(), 2u);
     EXPECT_EQ(received.declares[0],
               "('vidhostd', {'keys': <{"
-              "'topic0': <{'type': <uint32 4>, 'value': <<'VideoEncoder'>>, "
+              "'topic0': <{'type': <uint32 4>, 'value': <'VideoEncoder'>, "
               "'namespace': <'tns1'>, 'value-nice-name': <'Video encoder'>}>, "
-              "'channel': <{'type': <uint32 1>, 'value': <<uint32 3>>, "
+              "'channel': <{'type': <uint32 1>, 'value': <uint32 3>, "
               "'key-nice-name': <'Channel'>, 'tags': <['onvif-source']>}>, "
               "'connected': <{'type': <uint32 2>, "
               "'tags': <['onvif-data', 'property-state']>}>}>, "
@@ -232,7 +232,7 @@ TEST_F(EventProducerTest, PropertyKeysAreSentWhenNamed)
     std::lock_guard lock(received.mutex);
     ASSERT_EQ(received.declares.size(), 1u);
     EXPECT_EQ(received.declares[0],
-              "('p', {'keys': <{'source': <{'type': <uint32 1>, 'value': <<uint32 1>>}>, "
+              "('p', {'keys': <{'source': <{'type': <uint32 1>, 'value': <uint32 1>}>, "
               "'state': <{'type': <uint32 2>}>}>, 'property': <true>, "
               "'property-source': <'source'>, 'property-data': <'state'>})");
     event_producer_free(producer);
