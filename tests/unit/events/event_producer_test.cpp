@@ -46,11 +46,11 @@ class EventProducerTest : public testing::Test
 
     void start_service()
     {
-        testbus::ObjectSpec spec;
-        spec.path = "/com/korvi/Event1";
-        spec.introspection_xml = EVENT1_XML;
-        spec.on_method = [this](const gchar *method, GVariant *params,
-                                GDBusMethodInvocation *invocation) {
+        testbus::ServiceObject object;
+        object.path = "/com/korvi/Event1";
+        object.introspection_xml = EVENT1_XML;
+        object.on_method = [this](const gchar *method, GVariant *params,
+                                  GDBusMethodInvocation *invocation) {
             g_autofree gchar *text = g_variant_print(params, TRUE);
             std::lock_guard lock(received.mutex);
             if (g_strcmp0(method, "Declare") == 0) {
@@ -66,7 +66,7 @@ class EventProducerTest : public testing::Test
             }
         };
         service = std::make_unique<testbus::ServiceThread>(bus->address(), "com.korvi.Event1",
-                                                           std::vector{spec});
+                                                           std::vector{object});
     }
 
     /* The declaration the daemon makes for its channel 3. */

@@ -27,18 +27,18 @@ void on_method_call(GDBusConnection *, const gchar *, const gchar *, const gchar
                     const gchar *method, GVariant *parameters, GDBusMethodInvocation *invocation,
                     gpointer user_data)
 {
-    static_cast<ObjectSpec *>(user_data)->on_method(method, parameters, invocation);
+    static_cast<ServiceObject *>(user_data)->on_method(method, parameters, invocation);
 }
 
 GVariant *on_get_property(GDBusConnection *connection, const gchar *, const gchar *, const gchar *,
                           const gchar *property, GError **error, gpointer user_data)
 {
-    auto *spec = static_cast<ObjectSpec *>(user_data);
-    if (!spec->on_get_property) {
+    auto *object = static_cast<ServiceObject *>(user_data);
+    if (!object->on_get_property) {
         g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "No property %s", property);
         return nullptr;
     }
-    return spec->on_get_property(connection, property, error);
+    return object->on_get_property(connection, property, error);
 }
 
 const GDBusInterfaceVTable vtable = {on_method_call, on_get_property, nullptr, {}};
@@ -46,7 +46,7 @@ const GDBusInterfaceVTable vtable = {on_method_call, on_get_property, nullptr, {
 } // namespace
 
 ServiceThread::ServiceThread(const std::string &address, const std::string &bus_name,
-                             std::vector<ObjectSpec> objects)
+                             std::vector<ServiceObject> objects)
     : objects_(std::move(objects))
 {
     context_ = g_main_context_new();
@@ -65,13 +65,13 @@ void ServiceThread::run(const std::string &address, const std::string &bus_name)
     connection_ =
         g_dbus_connection_new_for_address_sync(address.c_str(), flags, nullptr, nullptr, &error);
     if (connection_ != nullptr) {
-        for (auto &spec : objects_) {
+        for (auto &object : objects_) {
             g_autoptr(GDBusNodeInfo) node =
-                g_dbus_node_info_new_for_xml(spec.introspection_xml.c_str(), &error);
+                g_dbus_node_info_new_for_xml(object.introspection_xml.c_str(), &error);
             if (node == nullptr)
                 break;
-            guint id = g_dbus_connection_register_object(connection_, spec.path.c_str(),
-                                                         node->interfaces[0], &vtable, &spec,
+            guint id = g_dbus_connection_register_object(connection_, object.path.c_str(),
+                                                         node->interfaces[0], &vtable, &object,
                                                          nullptr, &error);
             if (id == 0)
                 break;

@@ -37,7 +37,7 @@ using MethodHandler = std::function<void(const gchar *method, GVariant *paramete
 using PropertyHandler =
     std::function<GVariant *(GDBusConnection *connection, const gchar *property, GError **error)>;
 
-struct ObjectSpec {
+struct ServiceObject {
     std::string path;
     std::string introspection_xml; /* a <node> with one interface */
     MethodHandler on_method;
@@ -50,7 +50,7 @@ class ServiceThread
 {
   public:
     ServiceThread(const std::string &address, const std::string &bus_name,
-                  std::vector<ObjectSpec> objects);
+                  std::vector<ServiceObject> objects);
     ~ServiceThread();
     /* Emits a signal from the service's connection. */
     void emit_signal(const std::string &path, const std::string &interface, const std::string &name,
@@ -59,7 +59,7 @@ class ServiceThread
   private:
     void run(const std::string &address, const std::string &bus_name);
 
-    std::vector<ObjectSpec> objects_;
+    std::vector<ServiceObject> objects_;
     GMainContext *context_ = nullptr;
     GMainLoop *loop_ = nullptr;
     GDBusConnection *connection_ = nullptr;

@@ -64,7 +64,7 @@ class Capcore : public testing::Test
 
     void start_service()
     {
-        testbus::ObjectSpec system;
+        testbus::ServiceObject system;
         system.path = "/com/korvi/VideoSystem1";
         system.introspection_xml = SYSTEM_XML;
         system.on_get_property = [this](GDBusConnection *connection, const gchar *,
@@ -106,7 +106,7 @@ class Capcore : public testing::Test
             }
             return g_variant_new_boolean(started.load());
         };
-        testbus::ObjectSpec input;
+        testbus::ServiceObject input;
         input.path = "/com/korvi/VideoSystem1/Input/0";
         input.introspection_xml = INPUT_XML;
         input.on_method = [this](const gchar *, GVariant *params,
