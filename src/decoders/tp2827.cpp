@@ -5,8 +5,9 @@
  * 0x15..0x1D with the update of 0x02 before or after it, a shared block, the
  * block of the transmission standard (AHD or CVI, where the format has one)
  * and a closing step (the channel's output clock, or the UHD output set-up).
- * The register values are the chip's and are kept below as tables, one line
- * per register, run by tp2827_run_steps and tp2827_run_setter. */
+ * The register values are kept below as tables of steps in the order they
+ * are written, run by tp2827_run_steps; each setter is a FormatSetter record
+ * run by tp2827_run_setter. */
 #include "tp2827.h"
 
 #include <glib.h>
@@ -52,7 +53,7 @@ constexpr RegStep output_uhd[] = {
     U(0xF4, 0x04, 0x04),
 };
 
-/* The capture device whose port the UHD output takes over. */
+/* The capture device flagged as carrying no video by the UHD output set-up. */
 constexpr int32_t UHD_CAPTURE_DEVICE = 2;
 
 /* ---- Timing tables: registers 0x15..0x1D ------------------------------------
@@ -336,11 +337,12 @@ const FormatSetter tp2827_setter_pal = {
 void tp2827_run_setter(int32_t fd, int32_t channel, uint8_t standard, const FormatSetter &setter)
 {
     /* 4K and QHD 25/30 are decoded on channel 0 only, and their closing step
-     * re-arranges the output ports of the whole chip. The control service never asks for them on
-     * another channel, but a configuration file written by hand can. Stopping the daemon for it
-     * would take every channel down, so the request is refused here without touching the chip: not
-     * even the page register changes, and the channel keeps running whatever it was programmed for
-     * before. */
+     * re-arranges the output ports of the whole chip. The control service
+     * never asks for them on another channel, but a configuration file
+     * written by hand can. Stopping the daemon for it would take every channel
+     * down, so the request is refused here without touching the chip: not
+     * even the page register changes, and the channel keeps running whatever
+     * it was programmed for before. */
     if (setter.channel0_only && channel != 0) {
         korvi_error("%s4K/QHD input is not allowed on channel %d", channel);
         return;
@@ -387,8 +389,7 @@ void tp2827_setup_video_output(int32_t fd, int32_t mode)
 void tp2827_output_uhd(int32_t fd)
 {
     tp2827_run_steps(fd, output_uhd);
-    /* The capture driver must stop expecting video from the port that the UHD
-     * output now drives; a failure is logged by cam_set_no_video. */
+    /* A failure is logged by cam_set_no_video and does not stop the format. */
     cam_set_no_video(UHD_CAPTURE_DEVICE, 1);
 }
 

@@ -80,9 +80,8 @@ void tp2827_video_mode_set_720P30V2(int32_t fd, int32_t channel, uint8_t standar
 void tp2827_video_mode_set_720P25V2(int32_t fd, int32_t channel, uint8_t standard);
 void tp2827_video_mode_set_PAL(int32_t fd, int32_t channel);
 void tp2827_video_mode_set_NTSC(int32_t fd, int32_t channel);
-/* 4K and the 25/30 frames/s QHD formats need the whole output of the chip and
- * exist on channel 0 only; on another channel they log an error and write
- * nothing. */
+/* 4K and the 25/30 frames/s QHD formats are decoded on channel 0 only; on
+ * another channel they log an error and write nothing. */
 void tp2827_video_mode_set_4K12(int32_t fd, int32_t channel, uint8_t standard);
 void tp2827_video_mode_set_4K15(int32_t fd, int32_t channel, uint8_t standard);
 void tp2827_video_mode_set_QHDP15(int32_t fd, int32_t channel, uint8_t standard);
@@ -98,8 +97,8 @@ void tp2827_common_qhd(int32_t fd);
 void tp2827_common_ntsc(int32_t fd);
 void tp2827_common_pal(int32_t fd);
 
-/* Output set-up of the 4K and QHD formats; also raises the no-video flag of
- * capture device 2, whose port the UHD output takes over. */
+/* Output set-up of the 4K and QHD 25/30 formats; ends by raising the no-video
+ * flag of capture device 2. */
 void tp2827_output_uhd(int32_t fd);
 
 /* PTZ over coax. set_ptz_mode selects the channel's page and programs the
