@@ -95,6 +95,22 @@ TEST_F(ConfigFileBadInput, RandomBytes)
     expect_default_file();
 }
 
+TEST_F(ConfigFileBadInput, SaveOverAnUnparsableFileKeepsOnlyThatChannel)
+{
+    garbage_file(4096, 99);
+    load_known_table();
+    TestChannel ch(3, {1, 4, 0, 1});
+    EXPECT_TRUE(config_file_save_channel(&ch.channel, path.c_str()));
+    EXPECT_EQ(table_row(3), (ChannelValues{1, 4, 0, 1}));
+
+    g_autoptr(GKeyFile) key_file = parse_file(path);
+    ASSERT_NE(key_file, nullptr);
+    g_auto(GStrv) groups = g_key_file_get_groups(key_file, nullptr);
+    EXPECT_EQ(std::vector<std::string>(groups, groups + g_strv_length(groups)),
+              std::vector<std::string>{"Channel 3"});
+    EXPECT_EQ(group_keys(key_file, "Channel 3"), written_group({1, 4, 0, 1}));
+}
+
 TEST_F(ConfigFileBadInput, TenMegabytesOfGarbage)
 {
     garbage_file(10 << 20, 7);
