@@ -2,6 +2,7 @@
  * capture pipeline's mode and frequency. */
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <glib.h>
 
@@ -18,7 +19,9 @@ int set_capture_frequency(Channel *video);
 void set_channel_no_video(Decoder *dec, int32_t channel, int no_video);
 void update_channel_video_status(Decoder *dec, int32_t channel);
 
-/* The manager thread. */
+/* The manager thread. manager_stop_requested is 0 while the thread may run and
+ * 1 once a stop is requested; every access is sequentially consistent. */
+extern std::atomic<int> manager_stop_requested;
 GThread *manager_thread_start(Decoder *dec);
 void manager_thread_stop(GThread *thread);
 gpointer manager_thread_run(gpointer dec);
