@@ -1,4 +1,4 @@
-/* The capture driver's no-video flag. */
+/* The capture driver's view of whether a channel carries video. */
 #include "cam_no_video.h"
 
 #include <cerrno>
@@ -29,4 +29,21 @@ int32_t cam_set_no_video(int32_t device, uint32_t value)
     }
     close(fd);
     return result;
+}
+
+int check_no_video(int32_t channel)
+{
+    g_autofree gchar *path = g_strdup_printf("/proc/driver/veltra/stats/no_video_%d", channel);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        korvi_error("%s%s: Failed to open %s\n", "check_no_video", path);
+        return -1;
+    }
+    char first = 0;
+    ssize_t n = read(fd, &first, 1);
+    close(fd);
+    if (n != 1)
+        korvi_error("%s%s: Failed to read ret=%d %s\n", "check_no_video", static_cast<int>(n),
+                    path);
+    return first == '0' ? 0 : 1;
 }

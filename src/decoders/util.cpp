@@ -12,14 +12,11 @@
 #include "decoder_types.h"
 #include "encoder_events.h"
 #include "gpio.h"
+#include "cam_no_video.h"
 #include "korvi_log.h"
 #include "overlay.h"
 #include "tp28xx.h"
 #include "video_input_type.h"
-
-/* The capture driver's no-video statistic of a channel: 0 video, 1 no video or
- * unreadable, -1 when the statistics file can't be opened. */
-int check_no_video(int32_t channel);
 
 std::atomic<int> manager_stop_requested{0};
 
