@@ -1,8 +1,9 @@
 /* ThreadSanitizer does not see GLib's mutexes: GLib is not instrumented and
- * its GMutex is built on atomics and futexes. Under TSan the test programs
- * therefore wrap the three GMutex calls and tell TSan about the ordering they
- * create, so that data guarded by a GMutex is not reported and data that is
- * not guarded still is. In other builds this file is empty. */
+ * its GMutex is built on atomics and futexes. In the Tsan build every program
+ * (the daemon, the board, the tests) therefore links these wrappers of the
+ * three GMutex calls, which tell TSan about the ordering they create, so that
+ * data guarded by a GMutex is not reported and data that is not guarded still
+ * is. Other builds do not link this file. */
 #if defined(__SANITIZE_THREAD__)
 
 #include <dlfcn.h>
