@@ -4,10 +4,10 @@
 #include <memory>
 
 #include <glib.h>
-#include <systemd/sd-bus.h>
 
 #include "decoder.h"
 #include "korvi_log.h"
+#include "sdbus_ptr.h"
 
 /* Per channel index: what was last shown on the overlay service and what the
  * daemon core last reported. The arrays are guarded by `mutex`, which is held
@@ -27,23 +27,6 @@ constexpr const char *overlay_destination = "com.korvi.PrioritizedTextOverlay";
 constexpr const char *overlay_interface = "com.korvi.PrioritizedTextOverlay";
 constexpr const char *text_video_loss = "VIDEO_LOSS";
 constexpr const char *text_config_changed = "VIDEO_INPUT_CONFIGURATION_CHANGED";
-
-struct BusUnref {
-    void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct MessageUnref {
-    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
-};
-using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
-using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
-
-struct BusError {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    BusError() = default;
-    BusError(const BusError &) = delete;
-    BusError &operator=(const BusError &) = delete;
-    ~BusError() { sd_bus_error_free(&error); }
-};
 
 class MutexGuard
 {

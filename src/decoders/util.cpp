@@ -4,17 +4,17 @@
 #include <memory>
 
 #include <glib.h>
-#include <systemd/sd-bus.h>
 
+#include "cam_no_video.h"
 #include "configfile.h"
 #include "dbus_binding.h"
 #include "decoder.h"
 #include "decoder_types.h"
 #include "encoder_events.h"
 #include "gpio.h"
-#include "cam_no_video.h"
 #include "korvi_log.h"
 #include "overlay.h"
+#include "sdbus_ptr.h"
 #include "tp28xx.h"
 #include "video_input_type.h"
 
@@ -35,29 +35,6 @@ constexpr const char *image_control_interface = "com.korvi.ImageControl";
 constexpr const char *image_control_stream_interface = "com.korvi.ImageControlStream";
 constexpr const char *capture_mode_destination = "com.korvi.CaptureMode1";
 constexpr const char *capture_mode_interface = "com.korvi.CaptureMode1.Channel";
-
-struct BusUnref {
-    void operator()(sd_bus *bus) const { sd_bus_flush_close_unref(bus); }
-};
-struct MessageUnref {
-    void operator()(sd_bus_message *message) const { sd_bus_message_unref(message); }
-};
-using BusPtr = std::unique_ptr<sd_bus, BusUnref>;
-using MessagePtr = std::unique_ptr<sd_bus_message, MessageUnref>;
-
-struct BusError {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    BusError() = default;
-    BusError(const BusError &) = delete;
-    BusError &operator=(const BusError &) = delete;
-    ~BusError() { sd_bus_error_free(&error); }
-
-    /* The error's text; a failure that came without one is named by its code. */
-    const char *message(int r) const
-    {
-        return error.message != nullptr ? error.message : strerror(-r);
-    }
-};
 
 class DecoderLock
 {
