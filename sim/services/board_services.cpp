@@ -420,7 +420,7 @@ std::string ServicesSnapshot::to_json() const
 }
 
 /* One registered object interface. */
-struct ObjectSpec {
+struct ExportedObject {
     Service service;
     int channel; /* channel index, -1 for the single objects */
     std::string path;
@@ -446,7 +446,7 @@ struct BoardServices::State : std::enable_shared_from_this<State> {
     int32_t next_declaration_id = 1;
 
     /* Touched only on the services' context. */
-    std::vector<ObjectSpec> objects;
+    std::vector<ExportedObject> objects;
     std::array<guint, SERVICE_COUNT> owner_ids{};
     std::set<GSource *> late_sources;
 
@@ -500,13 +500,13 @@ struct ContextJob {
 gboolean run_context_job(gpointer data)
 {
     auto *job = static_cast<ContextJob *>(data);
+    /* The job lives on the waiting thread's stack: touch it only under its
+     * mutex, which that thread needs back before it can return. */
+    std::lock_guard lock(job->mu);
     g_main_context_push_thread_default(job->context);
     (*job->fn)();
     g_main_context_pop_thread_default(job->context);
-    {
-        std::lock_guard lock(job->mu);
-        job->done = true;
-    }
+    job->done = true;
     job->cv.notify_all();
     return G_SOURCE_REMOVE;
 }
@@ -846,12 +846,14 @@ void on_name_lost(GDBusConnection *, const gchar *, gpointer user_data)
 
 void BoardServices::State::run_on_context(const std::function<void()> &fn)
 {
+    bool was_owner = g_main_context_is_owner(context);
     if (g_main_context_acquire(context)) {
-        /* No other thread iterates the context: run here, then let the
-         * callbacks that GDBus queued (destroy notifications) run too. */
+        /* This thread iterates the context, or no thread does: run here. In
+         * the second case nobody else would run the callbacks that GDBus
+         * queued (destroy notifications), so run them now. */
         g_main_context_push_thread_default(context);
         fn();
-        while (g_main_context_iteration(context, FALSE)) {
+        while (!was_owner && g_main_context_iteration(context, FALSE)) {
         }
         g_main_context_pop_thread_default(context);
         g_main_context_release(context);
@@ -860,14 +862,14 @@ void BoardServices::State::run_on_context(const std::function<void()> &fn)
     ContextJob job;
     job.fn = &fn;
     job.context = context;
-    g_main_context_invoke_full(context, G_PRIORITY_HIGH, run_context_job, &job, nullptr);
     std::unique_lock lock(job.mu);
+    g_main_context_invoke_full(context, G_PRIORITY_HIGH, run_context_job, &job, nullptr);
     job.cv.wait(lock, [&] { return job.done; });
 }
 
 void BoardServices::State::export_service(Service s)
 {
-    for (ObjectSpec &o : objects) {
+    for (ExportedObject &o : objects) {
         if (o.service != s || o.registration != 0)
             continue;
         g_autoptr(GError) error = nullptr;
@@ -900,7 +902,7 @@ void BoardServices::State::unexport_service(Service s)
         st(s).name_owned = false;
     }
     cv.notify_all();
-    for (ObjectSpec &o : objects) {
+    for (ExportedObject &o : objects) {
         if (o.service == s && o.registration != 0) {
             g_dbus_connection_unregister_object(connection, o.registration);
             o.registration = 0;

@@ -43,8 +43,11 @@
  * they run their D-Bus work on the services' context (directly when the
  * calling thread can own it, otherwise by handing it to the thread that
  * iterates it and waiting until it is done; so never call them from a thread
- * that the context's loop is waiting for). The recorded state sits behind a
- * mutex and every accessor returns a copy. */
+ * that the context's loop is waiting for). After the destructor has run on
+ * a context that another thread iterates, let that thread iterate it once
+ * more (or unref the context) so that GDBus can free what it held for the
+ * services. The recorded state sits behind a mutex and every accessor
+ * returns a copy. */
 #pragma once
 
 #include <array>
