@@ -24,7 +24,6 @@ daemon stopped cleanly.
 import argparse
 import collections
 import importlib.machinery
-import importlib.util
 import os
 import random
 import socket
@@ -32,6 +31,7 @@ import stat
 import sys
 import threading
 import time
+import types
 
 import gi
 
@@ -45,8 +45,8 @@ REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 def load_board_module():
     path = os.path.join(REPO, "scripts", "run-on-vboard")
     loader = importlib.machinery.SourceFileLoader("run_on_vboard", path)
-    spec = importlib.util.spec_from_loader("run_on_vboard", loader)
-    module = importlib.util.module_from_spec(spec)
+    module = types.ModuleType(loader.name)
+    module.__file__ = path
     loader.exec_module(module)
     return module
 
