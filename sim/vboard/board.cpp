@@ -260,9 +260,10 @@ int Board::gpio_write(int line, GpioAttr attr, std::string_view data)
             int value = v != "0" && v.find_first_not_of('0') != std::string::npos ? 1 : 0;
             /* The chip is held in reset while the line is high and restarts
              * when it is released. */
-            if (line == LINE_RESET && l.value == 1 && value == 0) {
+            if (line == LINE_RESET && l.value != value) {
                 do_reset = true;
-                resets_++;
+                if (value)
+                    resets_++;
             }
             l.value = value;
             l.value_writes++;
@@ -291,7 +292,7 @@ int Board::gpio_write(int line, GpioAttr attr, std::string_view data)
     if (do_reset) {
         {
             std::lock_guard lk(bus_mutex_);
-            chip_.reset();
+            chip_.set_reset_line(gpio_state(LINE_RESET).value != 0);
             bound_address_ = ~0u;
         }
         kick_timer();
