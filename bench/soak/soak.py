@@ -307,6 +307,7 @@ def main(argv):
     p.add_argument("--seed", type=int, default=int(time.time()) % 100000)
     p.add_argument("--sample", type=float, default=10, help="seconds between memory samples")
     args = p.parse_args(argv)
+    sys.stdout.reconfigure(line_buffering=True)
 
     cache = os.path.join(args.build, "CMakeCache.txt")
     if os.path.exists(cache) and any(line.startswith("CMAKE_BUILD_TYPE:STRING=")
@@ -364,6 +365,11 @@ def main(argv):
                     daemon_died = True
                     break
                 samples.append(s)
+                if len(samples) % max(int(60 / args.sample), 1) == 1:
+                    with stats.lock:
+                        made = sum(stats.made.values())
+                    print(f"soak: {(s['t'] - start) / 60:.1f} min, {made} calls, "
+                          f"VmRSS {s.get('VmRSS')} kB, {s['fds']} fds")
                 with checker.lock:
                     checker.check(f"at {s['t'] - start:.0f} s")
         except KeyboardInterrupt:
