@@ -712,15 +712,21 @@ std::string Board::status_json()
         for (const auto &r : chip_.ptz_received(ch)) {
             s += first ? "[" : ",[";
             first = false;
-            for (size_t i = 0; i < r.size(); i++)
-                s += (i ? "," : "") + std::to_string(r[i]);
+            for (size_t i = 0; i < r.size(); i++) {
+                if (i)
+                    s += ",";
+                s += std::to_string(r[i]);
+            }
             s += "]";
         }
         s += "]";
         if (snap) {
             s += ",\"overlay\":[";
-            for (size_t i = 0; i < snap->overlay[ch].texts.size(); i++)
-                s += (i ? "," : "") + json_quote(snap->overlay[ch].texts[i].text);
+            for (size_t i = 0; i < snap->overlay[ch].texts.size(); i++) {
+                if (i)
+                    s += ",";
+                s += json_quote(snap->overlay[ch].texts[i].text);
+            }
             s += "],\"capture_mode\":" + std::to_string(snap->capture[ch].capture_mode) +
                  ",\"capture_frequency\":" + json_quote(snap->capture[ch].capture_frequency);
             auto vt = snap->video_system.video_type(ch);
