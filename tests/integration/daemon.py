@@ -397,11 +397,14 @@ class Board:
             self.call(method, *args, user=user)
         return e.value.name, e.value.message
 
-    def busctl(self, *args, user=None):
-        """busctl --system with JSON output; the parsed reply, or a failure."""
-        r = self.inside("busctl", "--system", "--json=short", *args, user=user)
+    def busctl(self, *args, user=None, as_json=True):
+        """busctl --system; the reply parsed from JSON (or its text), or a failure."""
+        r = self.inside("busctl", "--system", *(["--json=short"] if as_json else []), *args,
+                        user=user)
         if r.returncode != 0:
             pytest.fail(f"busctl {' '.join(args)}: {r.stderr.strip()}")
+        if not as_json:
+            return r.stdout
         return json.loads(r.stdout) if r.stdout.strip() else None
 
     def video_property(self, channel, name, user=None):
