@@ -152,8 +152,9 @@ def parse_config(text):
 class Board:
     """One virtual board with the daemon on it."""
 
-    def __init__(self, chip="tp2827", cameras=(), config=None, capture_modes=()):
+    def __init__(self, chip="tp2827", cameras=(), config=None, capture_modes=(), cpuid=True):
         self.chip = chip
+        self.cpuid = cpuid
         self.cameras = list(cameras)
         self.config = config
         self.capture_modes = list(capture_modes)
@@ -175,6 +176,8 @@ class Board:
         self.state = tempfile.mkdtemp(prefix="vd.", dir="/tmp")
         os.mkfifo(os.path.join(self.state, "gate"))
         cmd = [VBOARD, "run", "--chip", self.chip, "--state-dir", self.state, "--policy", POLICY]
+        if not self.cpuid:
+            cmd += ["--no-cpuid"]
         if self.config is not None:
             path = os.path.join(self.state, "seed.conf")
             with open(path, "w") as f:
@@ -249,17 +252,21 @@ class Board:
 
     def stop(self):
         """Ends everything this board started: helpers, the daemon (SIGTERM
-        through the board), the board; removes the state directory."""
+        through the board), the board; removes the state directory. Returns
+        a complaint when a daemon that was running did not end cleanly (exit
+        status not 0, or killed), else None."""
         for proc in self._helpers:
             if proc.poll() is None:
                 proc.kill()
             proc.wait()
         self._helpers.clear()
+        complaint = None
         if self.proc is not None and self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
             try:
                 self.proc.wait(20)
             except subprocess.TimeoutExpired:
+                complaint = "the daemon did not end within 20 s of SIGTERM"
                 if self.board_pid:
                     try:
                         os.kill(self.board_pid, signal.SIGKILL)
@@ -270,12 +277,19 @@ class Board:
                 except subprocess.TimeoutExpired:
                     os.killpg(self.proc.pid, signal.SIGKILL)
                     self.proc.wait()
+        code = self.proc.returncode if self.proc is not None else None
+        ran = self.daemon_pid is not None and self.daemon_pid > 0
+        if not complaint and ran and self.exit_code is None and code not in (0, None):
+            complaint = f"the daemon ended with status {code}"
+        if complaint:
+            complaint += ":\n" + self.board_output()[-4000:]
         if self._out:
             self._out.close()
             self._out = None
         if self.state:
             shutil.rmtree(self.state, ignore_errors=True)
             self.state = None
+        return complaint
 
     def board_output(self):
         if not self._out:
@@ -464,7 +478,8 @@ def in_order(messages, expected):
 @pytest.fixture
 def boards():
     """Starts boards for one scenario (`boards(chip=..., cameras=[...])`) and
-    stops every one of them at its end."""
+    stops every one of them at its end, failing the scenario when a daemon
+    does not stop cleanly."""
     started = []
 
     def make(gate_open=True, **kwargs):
@@ -473,5 +488,8 @@ def boards():
         return board.start(gate_open=gate_open)
 
     yield make
-    for board in started:
-        board.stop()
+    # Every scenario ends with a clean shutdown of its daemons: exit status 0,
+    # which under the sanitizer build also means no memory error or leak.
+    complaints = [c for c in (board.stop() for board in started) if c]
+    if complaints:
+        pytest.fail("\n".join(complaints))

@@ -17,9 +17,10 @@ CONNECTION = f"Connection open for '{SERVICE}' on D-Bus message bus."
 NOT_ACQUIRED = f"Could not acquire '{SERVICE}' on D-Bus message bus."
 
 
-@pytest.mark.parametrize("chip", ["tp2827", "tp2826"])
-def test_startup_announces_every_channel_and_writes_the_default_configuration(boards, chip):
-    board = boards(chip=chip, capture_modes=["2:1080p"])
+@pytest.mark.parametrize("chip,cpuid", [("tp2827", True), ("tp2826", False)])
+def test_startup_announces_every_channel_and_writes_the_default_configuration(boards, chip,
+                                                                             cpuid):
+    board = boards(chip=chip, capture_modes=["2:1080p"], cpuid=cpuid)
     board.wait_log(ACQUIRED)
 
     messages = board.messages()
@@ -56,8 +57,9 @@ def test_startup_announces_every_channel_and_writes_the_default_configuration(bo
         props = objects[f"{OBJECT}/{ch}"][VIDEO]
         assert props["DetectedType"]["data"] == "none"
         assert props["VideoType"]["data"] == (4 if ch == 2 else 0)
+    # A board with the cpuid_bit0 line is a multi-device one.
     assert board.busctl("get-property", SERVICE, OBJECT, SERVICE,
-                        "MultiDeviceProperties")["data"] is True
+                        "MultiDeviceProperties")["data"] is cpuid
 
     # Channels without video get the no-video text once the manager has run.
     for ch in range(4):
