@@ -134,9 +134,10 @@ def _children(pid):
     return out
 
 
-def _exe(pid):
+def _link(pid, name):
+    """/proc/PID/NAME's target ("exe", "ns/mnt"); "" once the process is gone."""
     try:
-        return os.readlink(f"/proc/{pid}/exe")
+        return os.readlink(f"/proc/{pid}/{name}")
     except OSError:
         return ""
 
@@ -200,10 +201,11 @@ class Board:
                            timeout=timeout + 10)
         if r.returncode != 0:
             pytest.fail(f"the board did not become ready: {r.stderr}{self.board_output()}")
-        own_ns = os.readlink("/proc/self/ns/mnt")
+        # The board is the supervisor's child that entered the private namespace.
+        own_ns = _link("self", "ns/mnt")
         self.board_pid = wait_until(
             lambda: next((p for p in _children(self.proc.pid)
-                          if os.readlink(f"/proc/{p}/ns/mnt") != own_ns), None),
+                          if _link(p, "ns/mnt") not in ("", own_ns)), None),
             timeout, "the board process")
         if gate_open:
             self.open_gate()
@@ -217,15 +219,17 @@ class Board:
 
         def open_writer():
             try:
-                return os.open(gate, os.O_WRONLY | os.O_NONBLOCK)
+                return (os.open(gate, os.O_WRONLY | os.O_NONBLOCK),)
             except OSError:  # ENXIO: the launcher has not opened it yet
                 return None
 
-        fd = wait_until(open_writer, timeout, "the launcher to wait at its gate")
+        (fd,) = wait_until(open_writer, timeout, "the launcher to wait at its gate")
         os.write(fd, b"go\n")
         os.close(fd)
+        exe = os.path.realpath(VINMAND)
+        # The daemon's PID, or -1 when the board (and the daemon) ended first.
         self.daemon_pid = wait_until(
-            lambda: next((p for p in _children(self.board_pid) if _exe(p) == os.path.realpath(VINMAND)), None)
+            lambda: next((p for p in _children(self.board_pid) if _link(p, "exe") == exe), None)
             or (self.proc.poll() is not None and -1), timeout, "the daemon to start")
         if self.config is None:
             def written_or_ended():

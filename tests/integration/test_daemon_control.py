@@ -5,7 +5,8 @@ PTZ records through the socket up to the camera."""
 
 import pytest
 
-from daemon import ACCESS_DENIED, ERROR, NOBODY, OBJECT, SERVICE, VIDEO, boards, require_root
+from daemon import ACCESS_DENIED, ERROR, NOBODY, OBJECT, SERVICE, VIDEO, require_root
+from daemon import boards  # noqa: F401  (the fixture of every scenario)
 
 pytestmark = require_root()
 
@@ -86,14 +87,16 @@ STANDARDS = {
     "tp2827": dict(
         refused=[(1, "cvbs", "720p25", "InvalidStandard"), (1, "tvi", "ntsc", "InvalidStandard"),
                  (1, "ahd", "4k15", "InvalidResolution")],
-        fixed=("ahd", "720p25"), camera=["ahd", "720p25", "long"], group=("1", "5"), mode="4", freq="50Hz", setting="0",
+        fixed=("ahd", "720p25"), camera=["ahd", "720p25", "long"], group=("1", "5"), mode="4",
+        freq="50Hz", setting="0",
         video_type=2, detected="HDTV720p", props=(False, 2, 1.0, 25.0, True),
         resolutions=["pal", "ntsc", "720p25", "720p30", "1080p25", "1080p30", "1440p25",
                      "1440p30", "4k12", "4k15"]),
     "tp2826": dict(
         refused=[(1, "tvi", "1080p30", "InvalidResolution"),
                  (1, "ahd", "720p25", "InvalidResolution")],
-        fixed=("cvbs", "ntsc"), camera=["cvbs", "ntsc"], group=("3", "9"), mode="2", freq="60Hz", setting="2",
+        fixed=("cvbs", "ntsc"), camera=["cvbs", "ntsc"], group=("3", "9"), mode="2",
+        freq="60Hz", setting="2",
         video_type=1, detected="NTSC", props=(True, 1, 2.75, 30.0, True),
         resolutions=["pal", "ntsc"]),
 }

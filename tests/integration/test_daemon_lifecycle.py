@@ -7,8 +7,9 @@ import stat
 
 import pytest
 
-from daemon import (ALLOW_REPLACEMENT, OBJECT, REPLACE, SERVICE, VIDEO, boards, in_order,
+from daemon import (ALLOW_REPLACEMENT, OBJECT, REPLACE, SERVICE, VIDEO, in_order,
                     next_line, parse_config, require_root)
+from daemon import boards  # noqa: F401  (the fixture of every scenario)
 
 pytestmark = require_root()
 

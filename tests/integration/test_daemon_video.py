@@ -4,7 +4,8 @@ daemon tells the rest of the encoder in each case."""
 
 import pytest
 
-from daemon import boards, require_root, wait_until
+from daemon import require_root, wait_until
+from daemon import boards  # noqa: F401  (the fixture of every scenario)
 
 pytestmark = require_root()
 
