@@ -1,452 +1,317 @@
+/* The GPIO line functions against a recording stand-in of the GPIO library and
+ * of usleep: lines behave as each case scripts them, and every call, sleeps
+ * and error messages included, is recorded in one sequence. */
 #include <cerrno>
-#include <climits>
-#include <gmock/gmock.h>
+#include <deque>
 #include <gtest/gtest.h>
-#include <poll.h>
+#include <map>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "gpio.h"
 #include "korvi_log.h"
-#include "ugpio_standin.h"
-
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
+#include "ugpio.h"
 
 namespace
 {
 
-struct LogLine {
-    guint level; /* the daemon's error level is outside the enumeration */
-    std::string message;
-};
+/* Per operation of a line, the results of successive calls, the last one
+ * repeating; without an entry, 0 (set_edge: 1). Lines not on the board fail. */
+using Script = std::map<std::string, std::deque<int>>;
+std::map<std::string, Script> lines;
+std::string calls; /* each call or error message followed by "; " */
+int live_handles = 0;
 
-std::vector<LogLine> logged;
+int step(const std::string &line, const char *op, const std::string &args = "")
+{
+    calls += op + (" " + line) + args + "; ";
+    auto it = lines.find(line);
+    if (it == lines.end())
+        return -1;
+    auto &results = it->second[op];
+    if (results.empty())
+        return std::string(op) == "set_edge";
+    int ret = results.front();
+    if (results.size() > 1)
+        results.pop_front();
+    return ret;
+}
+
+/* n attempts of a call with the half-second retry sleep between them. */
+std::string attempts(const std::string &call, int n)
+{
+    std::string out = call + "; ";
+    for (int i = 1; i < n; i++)
+        out += "usleep 500000; " + call + "; ";
+    return out;
+}
+
+/* One successful write: request, open, write, release. */
+std::string write_calls(const std::string &line, int value)
+{
+    return "request " + line + "; full_open " + line + "; set_value " + line + " " +
+           std::to_string(value) + "; close " + line + "; free " + line + "; ";
+}
 
 void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpointer)
 {
-    logged.push_back({static_cast<guint>(level & G_LOG_LEVEL_MASK), message});
+    EXPECT_EQ(guint(level & G_LOG_LEVEL_MASK), guint(KORVI_LOG_LEVEL_ERROR)) << message;
+    calls += "error " + std::string(message) + "; ";
 }
 
-/* The messages logged at the daemon's error level. */
-std::vector<std::string> errors()
+} // namespace
+
+struct ugpio_t {
+    std::string name;
+};
+
+ugpio_t *ugpio_request_named(const char *name)
 {
-    std::vector<std::string> out;
-    for (const auto &line : logged) {
-        EXPECT_EQ(line.level, static_cast<guint>(KORVI_LOG_LEVEL_ERROR)) << line.message;
-        out.push_back(line.message);
-    }
-    return out;
+    if (step(name, "request") != 0)
+        return nullptr;
+    live_handles++;
+    return new ugpio_t{name};
 }
 
-std::vector<std::string> repeat(const std::vector<std::string> &block, int times)
+int ugpio_full_open(ugpio_t *ctx)
 {
-    std::vector<std::string> out;
-    for (int i = 0; i < times; i++)
-        out.insert(out.end(), block.begin(), block.end());
-    return out;
+    return step(ctx->name, "full_open");
 }
 
-std::vector<std::string> concat(std::initializer_list<std::vector<std::string>> parts)
+int ugpio_open_ro(ugpio_t *ctx)
 {
-    std::vector<std::string> out;
-    for (const auto &part : parts)
-        out.insert(out.end(), part.begin(), part.end());
-    return out;
+    return step(ctx->name, "open_ro");
 }
 
-const std::string RETRY_SLEEP = "usleep 500000";
-const std::string PULSE_SLEEP = "usleep 10000";
+int ugpio_set_value(ugpio_t *ctx, int value)
+{
+    return step(ctx->name, "set_value", " " + std::to_string(value));
+}
+
+int ugpio_get_value(ugpio_t *ctx)
+{
+    return step(ctx->name, "get_value");
+}
+
+int ugpio_set_edge(ugpio_t *ctx, int flags)
+{
+    return step(ctx->name, "set_edge", " " + std::to_string(flags));
+}
+
+int ugpio_fd(ugpio_t *ctx)
+{
+    return step(ctx->name, "fd");
+}
+
+void ugpio_close(ugpio_t *ctx)
+{
+    step(ctx->name, "close");
+}
+
+void ugpio_free(ugpio_t *ctx)
+{
+    step(ctx->name, "free");
+    live_handles--;
+    delete ctx;
+}
+
+int usleep(useconds_t usec) noexcept
+{
+    calls += "usleep " + std::to_string(usec) + "; ";
+    return 0;
+}
 
 class Gpio : public testing::Test
 {
   protected:
-    void SetUp() override
-    {
-        standin::reset();
-        logged.clear();
-        g_log_set_default_handler(capture_log, nullptr);
-    }
+    void SetUp() override { g_log_set_default_handler(capture_log, nullptr); }
     void TearDown() override
     {
         g_log_set_default_handler(g_log_default_handler, nullptr);
-        EXPECT_EQ(standin::live_handles, 0) << "a line handle was not freed";
+        fresh();
+    }
+    /* A board with no lines again, once every handle was freed. */
+    static void fresh()
+    {
+        EXPECT_EQ(live_handles, 0) << "a line handle was not freed";
+        lines.clear();
+        calls.clear();
     }
 };
 
-/* ---- reset line ---- */
-
-TEST_F(Gpio, ResetWriteUsesTheLineAndReleasesIt)
+TEST_F(Gpio, ResetWriteRetriesAndFailures)
 {
-    standin::lines["decoder_reset_0"];
-    EXPECT_EQ(gpio_reset_write(1), 0);
-    EXPECT_THAT(standin::calls, ElementsAre("request decoder_reset_0", "full_open decoder_reset_0",
-                                            "set_value decoder_reset_0 1", "close decoder_reset_0",
-                                            "free decoder_reset_0"));
-    EXPECT_THAT(errors(), IsEmpty());
+    const std::string R = "decoder_reset_0";
+    struct Case {
+        Script script;
+        int result;
+        std::string calls;
+    } cases[] = {
+        /* Any open result other than 0 fails for this line, a positive one too. */
+        {{{"request", {-1, -1, 0}}, {"full_open", {-EBUSY, 1, 0}}},
+         0,
+         attempts("request " + R, 3) + attempts("full_open " + R, 3) + "set_value " + R +
+             " 0; close " + R + "; free " + R + "; "},
+        {{{"request", {-1}}},
+         -1,
+         attempts("request " + R, 10) + "error Failed to request named GPIO decoder_reset_0; "},
+        {{{"full_open", {1, -EIO, 1}}},
+         -1,
+         "request " + R + "; " + attempts("full_open " + R, 10) +
+             "error Failed to full open GPIO decoder_reset_0; close " + R + "; free " + R + "; "},
+    };
+    for (auto &c : cases) {
+        fresh();
+        lines[R] = c.script;
+        EXPECT_EQ(gpio_reset_write(0), c.result);
+        EXPECT_EQ(calls, c.calls);
+    }
 }
 
-TEST_F(Gpio, ResetLineAvailableAtTheThirdAttemptIsUsedSilently)
+TEST_F(Gpio, ResetPulseWritesOneThenZeroAndAlwaysSleeps)
 {
-    standin::lines["decoder_reset_0"].request_failures = 2;
-    standin::lines["decoder_reset_0"].full_open_results = {-EBUSY, 1};
-    EXPECT_EQ(gpio_reset_write(0), 0);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("request decoder_reset_0", RETRY_SLEEP, "request decoder_reset_0",
-                            RETRY_SLEEP, "request decoder_reset_0", "full_open decoder_reset_0",
-                            RETRY_SLEEP, "full_open decoder_reset_0", RETRY_SLEEP,
-                            "full_open decoder_reset_0", "set_value decoder_reset_0 0",
-                            "close decoder_reset_0", "free decoder_reset_0"));
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Gpio, ResetLineNeverAvailableGivesUpAfterTenRequests)
-{
-    standin::lines["decoder_reset_0"].request_failures = -1;
-    EXPECT_EQ(gpio_reset_write(1), -1);
-    auto expected = repeat({"request decoder_reset_0", RETRY_SLEEP}, 10);
-    expected.pop_back(); /* no sleep after the last attempt */
-    EXPECT_THAT(standin::calls, ElementsAreArray(expected));
-    EXPECT_THAT(errors(), ElementsAre("Failed to request named GPIO decoder_reset_0"));
-}
-
-TEST_F(Gpio, ResetLineThatNeverOpensIsReleased)
-{
-    /* Any result other than 0 is a failed open for the reset line, a positive
-     * one included. */
-    standin::lines["decoder_reset_0"].full_open_results = {1, -EIO, 1, 1, 1, 1, 1, 1, 1, 1, 0};
-    EXPECT_EQ(gpio_reset_write(1), -1);
-    auto opens = repeat({"full_open decoder_reset_0", RETRY_SLEEP}, 10);
-    opens.pop_back();
-    EXPECT_THAT(standin::calls,
-                ElementsAreArray(concat({{"request decoder_reset_0"},
-                                         opens,
-                                         {"close decoder_reset_0", "free decoder_reset_0"}})));
-    EXPECT_THAT(errors(), ElementsAre("Failed to full open GPIO decoder_reset_0"));
-}
-
-TEST_F(Gpio, ResetValueThatCannotBeWrittenIsReported)
-{
-    standin::lines["decoder_reset_0"].set_value_result = -EIO;
-    EXPECT_EQ(gpio_reset_write(1), -1);
-    EXPECT_THAT(standin::calls_starting("close"), ElementsAre("close decoder_reset_0"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to set value 1 on GPIO decoder_reset_0"));
-
-    /* A positive result is a failure too. */
-    standin::reset();
-    logged.clear();
-    standin::lines["decoder_reset_0"].set_value_result = 1;
-    EXPECT_EQ(gpio_reset_write(0), -1);
-    EXPECT_THAT(errors(), ElementsAre("Failed to set value 0 on GPIO decoder_reset_0"));
-}
-
-TEST_F(Gpio, ResetPulseWritesOneThenZeroWithTenMillisecondSleeps)
-{
-    standin::lines["decoder_reset_0"];
+    lines["decoder_reset_0"];
     EXPECT_EQ(gpio_reset_decoder(), 0);
-    EXPECT_THAT(standin::calls_starting("set_value"),
-                ElementsAre("set_value decoder_reset_0 1", "set_value decoder_reset_0 0"));
-    /* Each write is a request/open/write/release of its own, followed by a sleep. */
-    std::vector<std::string> write1 = {"request decoder_reset_0",     "full_open decoder_reset_0",
-                                       "set_value decoder_reset_0 1", "close decoder_reset_0",
-                                       "free decoder_reset_0",        PULSE_SLEEP};
-    std::vector<std::string> write0 = write1;
-    write0[2] = "set_value decoder_reset_0 0";
-    EXPECT_THAT(standin::calls, ElementsAreArray(concat({write1, write0})));
-    EXPECT_THAT(errors(), IsEmpty());
-}
+    EXPECT_EQ(calls, write_calls("decoder_reset_0", 1) + "usleep 10000; " +
+                         write_calls("decoder_reset_0", 0) + "usleep 10000; ");
 
-TEST_F(Gpio, ResetPulseOnAnUnwritableLineReportsBothWritesAndStillSleeps)
-{
-    standin::lines["decoder_reset_0"].set_value_result = -EPERM;
+    /* Any non-zero write result is a failure; both writes and sleeps still happen. */
+    fresh();
+    lines["decoder_reset_0"]["set_value"] = {1};
     EXPECT_EQ(gpio_reset_decoder(), -1);
-    EXPECT_THAT(errors(), ElementsAre("Failed to set value 1 on GPIO decoder_reset_0",
-                                      "FAILED: write 1 to reset GPIO",
-                                      "Failed to set value 0 on GPIO decoder_reset_0",
-                                      "FAILED: write 0 to reset GPIO"));
-    EXPECT_THAT(standin::calls_starting("usleep"), ElementsAre(PULSE_SLEEP, PULSE_SLEEP));
-    EXPECT_THAT(standin::calls_starting("set_value"),
-                ElementsAre("set_value decoder_reset_0 1", "set_value decoder_reset_0 0"));
+    EXPECT_EQ(calls, "request decoder_reset_0; full_open decoder_reset_0; set_value "
+                     "decoder_reset_0 1; error Failed to set value 1 on GPIO decoder_reset_0; "
+                     "close decoder_reset_0; free decoder_reset_0; error FAILED: write 1 to reset "
+                     "GPIO; usleep 10000; request decoder_reset_0; full_open decoder_reset_0; "
+                     "set_value decoder_reset_0 0; error Failed to set value 0 on GPIO "
+                     "decoder_reset_0; close decoder_reset_0; free decoder_reset_0; error FAILED: "
+                     "write 0 to reset GPIO; usleep 10000; ");
 }
 
-TEST_F(Gpio, ResetPulseWithoutTheLineRetriesEachWrite)
+TEST_F(Gpio, TerminationLines)
 {
-    EXPECT_EQ(gpio_reset_decoder(), -1);
-    auto requests = repeat({"request decoder_reset_0", RETRY_SLEEP}, 10);
-    requests.pop_back();
-    EXPECT_THAT(standin::calls,
-                ElementsAreArray(concat({requests, {PULSE_SLEEP}, requests, {PULSE_SLEEP}})));
-    EXPECT_THAT(errors(), ElementsAre("Failed to request named GPIO decoder_reset_0",
-                                      "FAILED: write 1 to reset GPIO",
-                                      "Failed to request named GPIO decoder_reset_0",
-                                      "FAILED: write 0 to reset GPIO"));
+    const std::string T2 = "video_term_2", T3 = "video_term_3";
+    struct Case {
+        int channel, value;
+        std::string line;
+        Script script;
+        int result;
+        std::string calls;
+    } cases[] = {
+        {0, 1, "video_term_1", {}, 0, write_calls("video_term_1", 1)},
+        {3, 7, "video_term_4", {}, 0, write_calls("video_term_4", 7)},
+        /* Only a negative open result is a failure here. */
+        {2, 1, T3, {{"full_open", {1}}}, 0, write_calls(T3, 1)},
+        {1,
+         0,
+         T2,
+         {{"request", {-1, 0}}},
+         -1,
+         "request " + T2 + "; error Failed to request named GPIO " + T2 + "; "},
+        {2,
+         1,
+         T3,
+         {{"full_open", {-EACCES, 0}}},
+         -1,
+         "request " + T3 + "; full_open " + T3 + "; error Failed to full open GPIO " + T3 +
+             "; close " + T3 + "; free " + T3 + "; "},
+        {1,
+         1,
+         T2,
+         {{"set_value", {-EIO}}},
+         -1,
+         "request " + T2 + "; full_open " + T2 + "; set_value " + T2 + " 1; error Failed to set " +
+             "value 1 on GPIO " + T2 + "; close " + T2 + "; free " + T2 + "; "},
+        {4, 1, "video_term_5", {}, -1, ""},
+        {-1, 1, "video_term_0", {}, -1, ""},
+    };
+    for (auto &c : cases) {
+        fresh();
+        for (const char *name : {"video_term_1", "video_term_2", "video_term_3", "video_term_4"})
+            lines[name];
+        lines[c.line] = c.script;
+        EXPECT_EQ(gpio_set_video_termination(c.channel, c.value), c.result) << c.channel;
+        EXPECT_EQ(calls, c.calls);
+    }
 }
 
-TEST_F(Gpio, ResetPulseWithOnlyTheSecondWriteFailing)
+TEST_F(Gpio, IrqSetupSelectsTheRisingEdge)
 {
-    /* The first write succeeds; the line then disappears. */
-    standin::lines["decoder_reset_0"].full_open_results = {0,       -ENOENT, -ENOENT, -ENOENT,
-                                                           -ENOENT, -ENOENT, -ENOENT, -ENOENT,
-                                                           -ENOENT, -ENOENT, -ENOENT};
-    EXPECT_EQ(gpio_reset_decoder(), -1);
-    EXPECT_THAT(errors(), ElementsAre("Failed to full open GPIO decoder_reset_0",
-                                      "FAILED: write 0 to reset GPIO"));
-    EXPECT_THAT(standin::calls_starting("set_value"), ElementsAre("set_value decoder_reset_0 1"));
-}
-
-/* ---- termination lines ---- */
-
-TEST_F(Gpio, TerminationChannelOutOfRangeTouchesNoLine)
-{
-    for (int i = 1; i <= 4; i++)
-        standin::lines["video_term_" + std::to_string(i)];
-    for (int channel : {4, 5, -1, INT_MIN, INT_MAX})
-        EXPECT_EQ(gpio_set_video_termination(channel, 1), -1) << channel;
-    EXPECT_THAT(standin::calls, IsEmpty());
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Gpio, TerminationLinesAreNumberedFromOne)
-{
-    for (int i = 1; i <= 4; i++)
-        standin::lines["video_term_" + std::to_string(i)];
-    EXPECT_EQ(gpio_set_video_termination(0, 1), 0);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("request video_term_1", "full_open video_term_1",
-                            "set_value video_term_1 1", "close video_term_1", "free video_term_1"));
-    standin::calls.clear();
-    /* The value reaches the library unchanged. */
-    EXPECT_EQ(gpio_set_video_termination(3, 7), 0);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("request video_term_4", "full_open video_term_4",
-                            "set_value video_term_4 7", "close video_term_4", "free video_term_4"));
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Gpio, TerminationLineIsRequestedOnce)
-{
-    standin::lines["video_term_2"].request_failures = 1;
-    EXPECT_EQ(gpio_set_video_termination(1, 0), -1);
-    EXPECT_THAT(standin::calls, ElementsAre("request video_term_2"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to request named GPIO video_term_2"));
-}
-
-TEST_F(Gpio, TerminationOpenFailsOnlyOnANegativeResult)
-{
-    standin::lines["video_term_3"].full_open_results = {1};
-    EXPECT_EQ(gpio_set_video_termination(2, 1), 0);
-    EXPECT_THAT(errors(), IsEmpty());
-
-    standin::calls.clear();
-    standin::lines["video_term_3"].full_open_results = {-EACCES, 0};
-    EXPECT_EQ(gpio_set_video_termination(2, 1), -1);
-    EXPECT_THAT(standin::calls, ElementsAre("request video_term_3", "full_open video_term_3",
-                                            "close video_term_3", "free video_term_3"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to full open GPIO video_term_3"));
-}
-
-TEST_F(Gpio, TerminationWriteFailureIsReportedWithValueAndName)
-{
-    standin::lines["video_term_2"].set_value_result = -EIO;
-    EXPECT_EQ(gpio_set_video_termination(1, 1), -1);
-    EXPECT_THAT(standin::calls_starting("close"), ElementsAre("close video_term_2"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to set value 1 on GPIO video_term_2"));
-}
-
-/* ---- interrupt line set-up ---- */
-
-TEST_F(Gpio, IrqSetupSelectsTheEdgeAndReleasesTheLine)
-{
-    standin::lines["decoder_interrupt_0"];
-    EXPECT_EQ(gpio_setup_irq(), 0);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("request decoder_interrupt_0", "full_open decoder_interrupt_0",
-                            "set_edge decoder_interrupt_0 8", "close decoder_interrupt_0",
-                            "free decoder_interrupt_0"));
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(Gpio, IrqSetupEdgeFailure)
-{
-    standin::lines["decoder_interrupt_0"].set_edge_result = 0;
+    const std::string I = "decoder_interrupt_0";
+    /* Only 0 is a failed edge selection. */
+    for (int edge_result : {1, -1, 0}) {
+        fresh();
+        lines[I]["set_edge"] = {edge_result};
+        EXPECT_EQ(gpio_setup_irq(), edge_result ? 0 : -1);
+        EXPECT_EQ(calls, "request " + I + "; full_open " + I + "; set_edge " + I + " 8; " +
+                             (edge_result ? "" : "error Failed to set IRQ edge on " + I + "; ") +
+                             "close " + I + "; free " + I + "; ");
+    }
+    fresh();
     EXPECT_EQ(gpio_setup_irq(), -1);
-    EXPECT_THAT(standin::calls_starting("free"), ElementsAre("free decoder_interrupt_0"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to set IRQ edge on decoder_interrupt_0"));
-
-    /* Any non-zero result is success, a negative one included. */
-    standin::reset();
-    logged.clear();
-    standin::lines["decoder_interrupt_0"].set_edge_result = -1;
-    EXPECT_EQ(gpio_setup_irq(), 0);
-    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_EQ(calls,
+              attempts("request " + I, 10) + "error Failed to request named GPIO " + I + "; ");
 }
-
-TEST_F(Gpio, IrqLineLateOrMissing)
-{
-    standin::lines["decoder_interrupt_0"].request_failures = 2;
-    standin::lines["decoder_interrupt_0"].full_open_results = {-EAGAIN, -EAGAIN};
-    EXPECT_EQ(gpio_setup_irq(), 0);
-    EXPECT_EQ(standin::calls_starting("request").size(), 3u);
-    EXPECT_EQ(standin::calls_starting("full_open").size(), 3u);
-    EXPECT_EQ(standin::calls_starting("usleep").size(), 4u);
-    EXPECT_THAT(errors(), IsEmpty());
-
-    standin::reset();
-    logged.clear();
-    EXPECT_EQ(gpio_setup_irq(), -1);
-    EXPECT_EQ(standin::calls_starting("request").size(), 10u);
-    EXPECT_EQ(standin::calls_starting("usleep").size(), 9u);
-    EXPECT_THAT(errors(), ElementsAre("Failed to request named GPIO decoder_interrupt_0"));
-
-    standin::reset();
-    logged.clear();
-    standin::lines["decoder_interrupt_0"].full_open_results.assign(10, -EIO);
-    EXPECT_EQ(gpio_setup_irq(), -1);
-    EXPECT_EQ(standin::calls_starting("full_open").size(), 10u);
-    EXPECT_THAT(standin::calls_starting("set_edge"), IsEmpty());
-    EXPECT_THAT(standin::calls_starting("close"), ElementsAre("close decoder_interrupt_0"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to full open GPIO decoder_interrupt_0"));
-}
-
-/* ---- board identity ---- */
 
 TEST_F(Gpio, CpuidLinePresenceAlone)
 {
     EXPECT_EQ(gpio_has_cpuid_bit0(), 0);
-    EXPECT_THAT(standin::calls, ElementsAre("request cpuid_bit0"));
-
-    standin::calls.clear();
-    standin::lines["cpuid_bit0"];
+    lines["cpuid_bit0"];
     EXPECT_EQ(gpio_has_cpuid_bit0(), 1);
-    EXPECT_THAT(standin::calls, ElementsAre("request cpuid_bit0", "free cpuid_bit0"));
-    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_EQ(calls, "request cpuid_bit0; request cpuid_bit0; free cpuid_bit0; ");
 }
 
-/* ---- polling handle ---- */
-
-TEST_F(Gpio, IrqOpenIsReadOnlyAndSingleAttempt)
+TEST_F(Gpio, IrqHandleIsReadOnlyAndRequestedOnce)
 {
-    standin::lines["decoder_interrupt_0"];
+    const std::string I = "decoder_interrupt_0";
+    lines[I]["request"] = {-1, 0};
+    EXPECT_EQ(gpio_irq_open(), nullptr);
     ugpio_t *ctx = gpio_irq_open();
     ASSERT_NE(ctx, nullptr);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("request decoder_interrupt_0", "open_ro decoder_interrupt_0"));
     gpio_irq_close(ctx);
-    EXPECT_THAT(standin::calls_starting("close"), ElementsAre("close decoder_interrupt_0"));
-
-    standin::calls.clear();
-    standin::lines["decoder_interrupt_0"].request_failures = 1;
+    lines[I]["open_ro"] = {-ENOENT};
     EXPECT_EQ(gpio_irq_open(), nullptr);
-    EXPECT_THAT(standin::calls, ElementsAre("request decoder_interrupt_0"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to request named GPIO decoder_interrupt_0"));
-
-    standin::calls.clear();
-    logged.clear();
-    standin::lines["decoder_interrupt_0"].open_ro_result = -ENOENT;
-    EXPECT_EQ(gpio_irq_open(), nullptr);
-    EXPECT_THAT(standin::calls_starting("free"), ElementsAre("free decoder_interrupt_0"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to RO open GPIO decoder_interrupt_0"));
+    EXPECT_EQ(calls, "request " + I + "; error Failed to request named GPIO " + I + "; request " +
+                         I + "; open_ro " + I + "; close " + I + "; free " + I + "; request " + I +
+                         "; open_ro " + I + "; error Failed to RO open GPIO " + I + "; free " + I +
+                         "; ");
 }
 
-TEST_F(Gpio, IrqCloseWithoutHandleDoesNothing)
+/* Descriptors stand in for the value file: poll reports a pipe's write end
+ * without a reader as POLLERR, its read end without a writer as POLLHUP only,
+ * and out-of-band data on a stream socket as POLLPRI. */
+TEST_F(Gpio, IrqPollReportsErrorAndPriorityEventsAsEdges)
 {
-    gpio_irq_close(nullptr);
-    EXPECT_THAT(standin::calls, IsEmpty());
-}
+    const std::string I = "decoder_interrupt_0";
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    lines[I]["fd"] = {fds[1]};
+    ugpio_t *ctx = gpio_irq_open();
+    ASSERT_NE(ctx, nullptr);
+    calls.clear();
+    EXPECT_EQ(gpio_irq_poll(ctx, 0), 0) << "nothing pending: time-out";
+    close(fds[0]);
+    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1) << "an edge, acknowledged";
+    lines[I]["get_value"] = {-EIO};
+    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1) << "an edge even when the value can't be read";
+    EXPECT_EQ(calls, "fd " + I + "; fd " + I + "; get_value " + I + "; fd " + I + "; get_value " +
+                         I + "; error Failed to read GPIO " + I + "; ");
+    close(fds[1]);
 
-/* Descriptors that poll(2) reports as the value file would. */
-class GpioPoll : public Gpio
-{
-  protected:
-    void SetUp() override
-    {
-        Gpio::SetUp();
-        ASSERT_EQ(pipe(pipe_fds), 0);
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sock_fds), 0);
+    ASSERT_EQ(pipe(fds), 0);
+    close(fds[1]);
+    lines[I]["fd"] = {fds[0]};
+    calls.clear();
+    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 0) << "a hang-up is not an edge";
+    EXPECT_EQ(calls, "fd " + I + "; ");
+    close(fds[0]);
+
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    lines[I]["fd"] = {fds[1]};
+    if (send(fds[0], "!", 1, MSG_OOB) == 1) {
+        EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1);
     }
-    void TearDown() override
-    {
-        for (int fd : {pipe_fds[0], pipe_fds[1], sock_fds[0], sock_fds[1]})
-            if (fd >= 0)
-                close(fd);
-        Gpio::TearDown();
-    }
-    ugpio_t *open_with_fd(int fd)
-    {
-        standin::lines["decoder_interrupt_0"].fd = fd;
-        ugpio_t *ctx = gpio_irq_open();
-        standin::calls.clear();
-        return ctx;
-    }
-    int pipe_fds[2] = {-1, -1};
-    int sock_fds[2] = {-1, -1};
-};
-
-TEST_F(GpioPoll, TimeOutWithoutEdge)
-{
-    /* A pipe's write end with its reader present has nothing to report. */
-    ugpio_t *ctx = open_with_fd(pipe_fds[1]);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(gpio_irq_poll(ctx, 0), 0);
-    EXPECT_EQ(gpio_irq_poll(ctx, 20), 0);
-    EXPECT_THAT(standin::calls_starting("get_value"), IsEmpty());
-    gpio_irq_close(ctx);
-    EXPECT_THAT(errors(), IsEmpty());
-}
-
-TEST_F(GpioPoll, ErrorEventIsAnEdgeAndIsAcknowledged)
-{
-    /* Without a reader the write end reports POLLERR. */
-    close(pipe_fds[0]);
-    pipe_fds[0] = -1;
-    ugpio_t *ctx = open_with_fd(pipe_fds[1]);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1);
-    EXPECT_THAT(standin::calls,
-                ElementsAre("fd decoder_interrupt_0", "get_value decoder_interrupt_0"));
-    EXPECT_THAT(errors(), IsEmpty());
-
-    /* An edge whose value can't be read back is still an edge. */
-    standin::lines["decoder_interrupt_0"].get_value_result = -EIO;
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1);
-    EXPECT_THAT(errors(), ElementsAre("Failed to read GPIO decoder_interrupt_0"));
+    close(fds[0]);
+    close(fds[1]);
     gpio_irq_close(ctx);
 }
-
-TEST_F(GpioPoll, PriorityEventIsAnEdge)
-{
-    /* Out-of-band data on a stream socket is reported as POLLPRI. */
-    if (send(sock_fds[0], "!", 1, MSG_OOB) != 1)
-        GTEST_SKIP() << "no out-of-band data on this kernel's Unix sockets";
-    ugpio_t *ctx = open_with_fd(sock_fds[1]);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1);
-    EXPECT_THAT(standin::calls_starting("get_value"), ElementsAre("get_value decoder_interrupt_0"));
-    gpio_irq_close(ctx);
-}
-
-TEST_F(GpioPoll, OtherEventsAreNotEdges)
-{
-    /* A pipe's read end without writers reports only POLLHUP. */
-    close(pipe_fds[1]);
-    pipe_fds[1] = -1;
-    ugpio_t *ctx = open_with_fd(pipe_fds[0]);
-    ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 0);
-    EXPECT_THAT(standin::calls_starting("get_value"), IsEmpty());
-
-    /* A descriptor poll rejects (POLLNVAL) is not an edge either. */
-    standin::lines["decoder_interrupt_0"].fd = 1000000;
-    EXPECT_EQ(gpio_irq_poll(ctx, 0), 0);
-    EXPECT_THAT(standin::calls_starting("get_value"), IsEmpty());
-    gpio_irq_close(ctx);
-}
-
-TEST(GpioDeathTest, PollWithoutHandleStopsTheProcess)
-{
-    testing::GTEST_FLAG(death_test_style) = "threadsafe";
-    EXPECT_DEATH(gpio_irq_poll(nullptr, 0), "gpio\\.cpp:[0-9]+:.*gpio_irq_poll.*\\(ctx\\)");
-}
-
-} // namespace
