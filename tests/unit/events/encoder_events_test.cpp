@@ -1,60 +1,175 @@
-#include <gmock/gmock.h>
+/* The events module against a recording stand-in of the event producer
+ * library: every call and error message is recorded in order, and results
+ * are scripted. */
+#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include "encoder_events.h"
-#include "event_producer_standin.h"
+#include "event_producer.h"
 #include "korvi_log.h"
-
-using testing::ElementsAre;
-using testing::ElementsAreArray;
-using testing::IsEmpty;
 
 namespace
 {
 
-struct LogLine {
-    guint level;
-    std::string message;
-};
-std::vector<LogLine> logged;
+std::string calls; /* each call or error message followed by "; " */
+struct Script {
+    bool producer_new_fails = false;
+    int failing_declaration = 0; /* the n-th declaration created fails */
+    std::string send_error = {}; /* non-empty: sending fails with this message */
+    int live_objects = 0;
+} script;
 
-void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpointer)
+std::string text(const char *s)
 {
-    logged.push_back({static_cast<guint>(level & G_LOG_LEVEL_MASK), message});
+    return s != nullptr ? s : "-";
+}
+std::string text(long n)
+{
+    return std::to_string(n);
 }
 
-std::vector<std::string> errors()
+/* Records the call as its name and arguments separated by spaces. */
+template <typename... Args>
+gboolean record(const char *name, Args... args)
 {
-    std::vector<std::string> out;
-    for (const auto &line : logged) {
-        EXPECT_EQ(line.level, static_cast<guint>(KORVI_LOG_LEVEL_ERROR)) << line.message;
-        out.push_back(line.message);
-    }
-    return out;
+    calls += (std::string(name) + ... + (" " + text(args))) + "; ";
+    return TRUE;
 }
 
 /* The calls that declare channel number n. */
-std::vector<std::string> declaration_calls(unsigned n)
+std::string declaration_calls(unsigned n)
 {
-    return {
-        "declaration_new NULL",
-        "add_key_value topic0 s:VideoEncoder 4",
-        "set_name_space topic0 tns1",
-        "set_nice_names topic0 - Video encoder",
-        "add_key_value topic1 s:Connections 4",
-        "set_name_space topic1 tnskorvi",
-        "set_nice_names topic1 - Video connected",
-        "add_key_value channel u:" + std::to_string(n) + " 1",
-        "set_nice_names channel Channel -",
-        "add_key_tag channel onvif-source",
-        "add_key connected 2",
-        "set_nice_names connected Connected -",
-        "add_key_tag connected onvif-data",
-        "add_key_tag connected property-state",
-        "set_property - - 0",
-        "declare",
-        "declaration_free",
-    };
+    return "declaration_new NULL; add_key_value topic0 s:VideoEncoder 4; set_name_space topic0 "
+           "tns1; set_nice_names topic0 - Video encoder; add_key_value topic1 s:Connections 4; "
+           "set_name_space topic1 tnskorvi; set_nice_names topic1 - Video connected; "
+           "add_key_value channel u:" +
+           std::to_string(n) +
+           " 1; set_nice_names channel Channel -; add_key_tag channel onvif-source; add_key "
+           "connected 2; set_nice_names connected Connected -; add_key_tag connected onvif-data; "
+           "add_key_tag connected property-state; set_property - - 0; declare; declaration_free; ";
+}
+
+void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpointer)
+{
+    EXPECT_EQ(guint(level & G_LOG_LEVEL_MASK), guint(KORVI_LOG_LEVEL_ERROR)) << message;
+    calls += "error " + std::string(message) + "; ";
+}
+
+} // namespace
+
+struct EventProducer {
+};
+struct EventDeclaration {
+    guint32 channel = 0;
+};
+struct Event {
+};
+
+EventProducer *event_producer_new(const gchar *name)
+{
+    record("producer_new", name);
+    if (script.producer_new_fails)
+        return nullptr;
+    script.live_objects++;
+    return new EventProducer;
+}
+
+void event_producer_free(EventProducer *producer)
+{
+    record("producer_free");
+    script.live_objects--;
+    delete producer;
+}
+
+EventDeclaration *event_declaration_new(GError **error)
+{
+    record("declaration_new", error ? "error" : "NULL");
+    if (--script.failing_declaration == 0)
+        return nullptr;
+    script.live_objects++;
+    return new EventDeclaration;
+}
+
+void event_declaration_free(EventDeclaration *declaration)
+{
+    record("declaration_free");
+    script.live_objects--;
+    delete declaration;
+}
+
+gboolean event_declaration_add_key_value(EventDeclaration *declaration, const gchar *key,
+                                         gconstpointer value, gint value_type)
+{
+    if (value_type != EVENT_VALUE_TYPE_UINT32)
+        return record("add_key_value", key, ("s:" + text(static_cast<const char *>(value))).c_str(),
+                      value_type);
+    declaration->channel = *static_cast<const guint32 *>(value);
+    return record("add_key_value", key, ("u:" + text(declaration->channel)).c_str(), value_type);
+}
+
+gboolean event_declaration_add_key(EventDeclaration *, const gchar *key, gint value_type)
+{
+    return record("add_key", key, value_type);
+}
+
+gboolean event_declaration_set_name_space(EventDeclaration *, const gchar *key, const gchar *ns)
+{
+    return record("set_name_space", key, ns);
+}
+
+gboolean event_declaration_set_nice_names(EventDeclaration *, const gchar *key,
+                                          const gchar *key_nice_name, const gchar *value_nice_name)
+{
+    return record("set_nice_names", key, key_nice_name, value_nice_name);
+}
+
+gboolean event_declaration_add_key_tag(EventDeclaration *, const gchar *key, const gchar *tag)
+{
+    return record("add_key_tag", key, tag);
+}
+
+gboolean event_declaration_set_property(EventDeclaration *, const gchar *source_key,
+                                        const gchar *data_key, guint flags)
+{
+    return record("set_property", source_key, data_key, flags);
+}
+
+/* The identifier tells the declaration's channel: 100 + channel. Like the
+ * library, no event comes from an identifier that was never given out. */
+gint event_producer_declare(EventProducer *, EventDeclaration *declaration)
+{
+    record("declare");
+    return 100 + declaration->channel;
+}
+
+Event *event_producer_prepare_event(EventProducer *, gint declaration_id)
+{
+    record("prepare_event", declaration_id);
+    if (declaration_id < 100)
+        return nullptr;
+    script.live_objects++;
+    return new Event;
+}
+
+gboolean event_set_value(Event *, const gchar *key, gconstpointer value)
+{
+    return record("set_value", key, *static_cast<const gboolean *>(value));
+}
+
+gboolean event_producer_send_event(EventProducer *, Event *, GError **error)
+{
+    record("send_event");
+    if (script.send_error.empty())
+        return TRUE;
+    g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, script.send_error.c_str());
+    return FALSE;
+}
+
+void event_free(Event *event)
+{
+    record("event_free");
+    script.live_objects--;
+    delete event;
 }
 
 class EncoderEventsTest : public testing::Test
@@ -62,16 +177,14 @@ class EncoderEventsTest : public testing::Test
   protected:
     void SetUp() override
     {
-        standin::reset();
-        logged.clear();
+        calls.clear();
+        script = {};
         g_log_set_default_handler(capture_log, nullptr);
     }
     void TearDown() override
     {
         g_log_set_default_handler(g_log_default_handler, nullptr);
-        EXPECT_EQ(standin::live_producers, 0);
-        EXPECT_EQ(standin::live_declarations, 0);
-        EXPECT_EQ(standin::live_events, 0);
+        EXPECT_EQ(script.live_objects, 0) << "an object was not freed";
     }
 };
 
@@ -79,145 +192,41 @@ TEST_F(EncoderEventsTest, CreationDeclaresEveryChannelInOrder)
 {
     EncoderEvents *events = encoder_events_create(4);
     ASSERT_NE(events, nullptr);
-    std::vector<std::string> expected = {"producer_new vidhostd"};
-    for (unsigned n = 1; n <= 4; n++) {
-        auto calls = declaration_calls(n);
-        expected.insert(expected.end(), calls.begin(), calls.end());
-    }
-    EXPECT_THAT(standin::calls, ElementsAreArray(expected));
-    EXPECT_THAT(errors(), IsEmpty());
-
-    standin::calls.clear();
     encoder_events_free(events);
-    EXPECT_THAT(standin::calls, ElementsAre("producer_free"));
-}
+    EXPECT_EQ(calls, "producer_new vidhostd; " + declaration_calls(1) + declaration_calls(2) +
+                         declaration_calls(3) + declaration_calls(4) + "producer_free; ");
 
-TEST_F(EncoderEventsTest, CreationWithoutChannelsHasOnlyTheProducer)
-{
-    EncoderEvents *events = encoder_events_create(0);
-    ASSERT_NE(events, nullptr);
-    EXPECT_THAT(standin::calls, ElementsAre("producer_new vidhostd"));
-    encoder_events_free(events);
-}
-
-TEST_F(EncoderEventsTest, CreationFailsWithoutProducer)
-{
-    standin::producer_new_fails = true;
+    script.producer_new_fails = true;
     EXPECT_EQ(encoder_events_create(4), nullptr);
-    EXPECT_THAT(standin::calls, ElementsAre("producer_new vidhostd"));
-    EXPECT_THAT(errors(), IsEmpty());
 }
 
-TEST_F(EncoderEventsTest, FailedDeclarationLeavesTheOtherChannels)
+TEST_F(EncoderEventsTest, EachChannelSendsOnItsOwnDeclaration)
 {
-    standin::failing_declarations = {2};
-    EncoderEvents *events = encoder_events_create(3);
-    ASSERT_NE(events, nullptr);
-    EXPECT_THAT(errors(), ElementsAre("Failed to declare event for channel 2"));
-    EXPECT_EQ(standin::calls_starting("declare").size(), 2u);
-    EXPECT_EQ(standin::channel_of_id[101], 1u);
-    EXPECT_EQ(standin::channel_of_id[102], 3u);
-
-    /* The channel without a declaration prepares from -1; the stand-in
-     * refuses it like the library does. */
-    standin::unpreparable_ids = {-1};
-    standin::calls.clear();
-    logged.clear();
-    EXPECT_EQ(encoder_events_send_video_connected(events, 1, TRUE), 0);
-    EXPECT_THAT(standin::calls, ElementsAre("prepare_event -1"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to create Video Connected event"));
-
-    /* Channel index 2 still sends on its own declaration. */
-    standin::calls.clear();
-    EXPECT_NE(encoder_events_send_video_connected(events, 2, TRUE), 0);
-    EXPECT_THAT(standin::calls_starting("prepare_event"), ElementsAre("prepare_event 102"));
-    encoder_events_free(events);
-}
-
-TEST_F(EncoderEventsTest, SendingUsesTheChannelsDeclaration)
-{
+    script.failing_declaration = 2;
     EncoderEvents *events = encoder_events_create(4);
     ASSERT_NE(events, nullptr);
-    standin::calls.clear();
-
+    EXPECT_EQ(calls, "producer_new vidhostd; " + declaration_calls(1) +
+                         "declaration_new NULL; error Failed to declare event for channel 2; " +
+                         declaration_calls(3) + declaration_calls(4));
+    calls.clear();
     EXPECT_NE(encoder_events_send_video_connected(events, 2, TRUE), 0);
-    EXPECT_THAT(standin::calls, ElementsAre("prepare_event 103", "set_value connected 1",
-                                            "send_event", "event_free"));
-    EXPECT_NE(encoder_events_send_video_connected(events, 2, FALSE), 0);
-    EXPECT_NE(encoder_events_send_video_connected(events, 0, TRUE), 0);
-
-    ASSERT_EQ(standin::sent.size(), 3u);
-    EXPECT_EQ(standin::channel_of_id[standin::sent[0].id], 3u);
-    EXPECT_EQ(standin::sent[0].connected, 1);
-    EXPECT_EQ(standin::channel_of_id[standin::sent[1].id], 3u);
-    EXPECT_EQ(standin::sent[1].connected, 0);
-    EXPECT_EQ(standin::channel_of_id[standin::sent[2].id], 1u);
-    EXPECT_EQ(standin::sent[2].connected, 1);
-    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_NE(encoder_events_send_video_connected(events, 0, FALSE), 0);
+    /* The channel whose declaration failed has none to prepare an event from. */
+    EXPECT_EQ(encoder_events_send_video_connected(events, 1, TRUE), 0);
+    EXPECT_EQ(calls, "prepare_event 103; set_value connected 1; send_event; event_free; "
+                     "prepare_event 101; set_value connected 0; send_event; event_free; "
+                     "prepare_event -1; error Failed to create Video Connected event; ");
     encoder_events_free(events);
 }
 
-TEST_F(EncoderEventsTest, DeclaredIdentifierIsKeptWhateverItsValue)
-{
-    standin::declare_results = {{1, 0}, {2, -7}};
-    EncoderEvents *events = encoder_events_create(2);
-    ASSERT_NE(events, nullptr);
-    standin::calls.clear();
-    encoder_events_send_video_connected(events, 0, FALSE);
-    encoder_events_send_video_connected(events, 1, FALSE);
-    EXPECT_THAT(standin::calls_starting("prepare_event"),
-                ElementsAre("prepare_event 0", "prepare_event -7"));
-    encoder_events_free(events);
-}
-
-TEST_F(EncoderEventsTest, SendFailures)
+TEST_F(EncoderEventsTest, SendErrorIsLoggedAndTheEventFreed)
 {
     EncoderEvents *events = encoder_events_create(1);
     ASSERT_NE(events, nullptr);
-
-    standin::send_result = FALSE;
-    standin::send_error = "The name is not activatable";
+    script.send_error = "The name is not activatable";
+    calls.clear();
     EXPECT_EQ(encoder_events_send_video_connected(events, 0, TRUE), 0);
-    EXPECT_THAT(errors(),
-                ElementsAre("Failed to send Video Connected event: The name is not activatable"));
-    EXPECT_THAT(standin::calls_starting("event_free"), ElementsAre("event_free"));
-
-    /* A failure without a GError is returned without a message. */
-    logged.clear();
-    standin::send_error.clear();
-    EXPECT_EQ(encoder_events_send_video_connected(events, 0, TRUE), 0);
-    EXPECT_THAT(errors(), IsEmpty());
-
-    /* An event that can't be prepared is neither set nor sent. */
-    standin::calls.clear();
-    standin::unpreparable_ids = {101};
-    EXPECT_EQ(encoder_events_send_video_connected(events, 0, TRUE), 0);
-    EXPECT_THAT(standin::calls, ElementsAre("prepare_event 101"));
-    EXPECT_THAT(errors(), ElementsAre("Failed to create Video Connected event"));
+    EXPECT_EQ(calls, "prepare_event 101; set_value connected 1; send_event; error Failed to send "
+                     "Video Connected event: The name is not activatable; event_free; ");
     encoder_events_free(events);
 }
-
-TEST_F(EncoderEventsTest, FreeingNothing)
-{
-    encoder_events_free(nullptr);
-    EXPECT_THAT(standin::calls, IsEmpty());
-}
-
-using EncoderEventsDeathTest = EncoderEventsTest;
-
-TEST_F(EncoderEventsDeathTest, ProgrammingErrorsStopTheProcess)
-{
-    testing::GTEST_FLAG(death_test_style) = "threadsafe";
-    EXPECT_DEATH(encoder_events_create(5),
-                 "encoder_events\\.cpp:.*assertion failed: \\(nbr_channels <= MAX_SOURCES\\)");
-
-    EncoderEvents *events = encoder_events_create(4);
-    ASSERT_NE(events, nullptr);
-    EXPECT_DEATH(encoder_events_send_video_connected(events, 4, TRUE),
-                 "encoder_events\\.cpp:.*assertion failed: \\(FALSE\\)");
-    EXPECT_DEATH(encoder_events_send_video_connected(nullptr, 0, TRUE),
-                 "assertion failed: \\(FALSE\\)");
-    encoder_events_free(events);
-}
-
-} // namespace
