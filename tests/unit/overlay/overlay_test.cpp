@@ -1,7 +1,6 @@
-/* The overlay module against a fake prioritized text overlay service on a
- * private bus: what it records, which calls each evaluation makes and in what
- * order, and that its mutex is free while a call is under way. */
-#include <atomic>
+/* The overlay module against the fake text overlay service: what it records,
+ * which calls each evaluation makes and in what order, and that its mutex is
+ * free while a call is under way. */
 #include <chrono>
 #include <future>
 #include <mutex>
@@ -11,33 +10,31 @@
 #include <gtest/gtest.h>
 
 #include "korvi_log.h"
+#include "log_capture.h"
 #include "overlay.h"
-#include "support/fake_services.h"
-#include "support/journal.h"
+#include "support/fake_bus.h"
 
+using fake::journal_take;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace testsupport;
 
 namespace
 {
 
-class OverlayTest : public testing::Test
+const char *const changed = "VIDEO_INPUT_CONFIGURATION_CHANGED";
+
+class Overlay : public testing::Test
 {
   protected:
     void SetUp() override
     {
-        log_capture_install();
-        bus = &FakeServices::get();
+        fake::bus_reset();
         o_h = overlay_init();
         ASSERT_NE(o_h, nullptr);
-        journal_take();
-        logs_take();
     }
-
     void TearDown() override { overlay_deinit(o_h); }
 
-    /* Every channel reported with video, and that shown: no text set. */
+    /* Video on every channel, and that shown. */
     void all_clear()
     {
         for (uint32_t i = 0; i < 4; i++)
@@ -45,197 +42,131 @@ class OverlayTest : public testing::Test
         overlay_evaluate(o_h);
         journal_take();
     }
+    std::vector<std::string> evaluate()
+    {
+        overlay_evaluate(o_h);
+        return journal_take();
+    }
 
-    FakeServices *bus = nullptr;
     OverlayHandler *o_h = nullptr;
 };
 
-TEST_F(OverlayTest, EveryChannelStartsWithoutVideo)
+TEST_F(Overlay, EveryChannelStartsWithoutVideo)
 {
     for (uint32_t i = 0; i < 4; i++) {
         EXPECT_EQ(overlay_set_no_video(o_h, i, 1), 1) << i;
         EXPECT_EQ(overlay_set_no_video(o_h, i, 0), 0) << i;
         EXPECT_EQ(overlay_set_no_video(o_h, i, 0), 1) << i;
-        EXPECT_EQ(overlay_set_no_video(o_h, i, 1), 0) << i;
     }
-    /* Any non-zero state means no video. */
-    EXPECT_EQ(overlay_set_no_video(o_h, 2, 7), 1);
+    EXPECT_EQ(overlay_set_no_video(o_h, 2, 7), 0) << "any non-zero state is no video";
+    EXPECT_EQ(log_count(G_LOG_LEVEL_INFO, "Init overlay handler"), 1u);
 }
 
-TEST_F(OverlayTest, FirstEvaluationShowsLossWhereNoVideoWasReported)
+TEST_F(Overlay, FirstEvaluationServesChannelsInOrderWithTheirOwnTexts)
 {
-    overlay_set_no_video(o_h, 1, 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(),
-                ElementsAre("Overlay(1).Set(VIDEO_LOSS,0)", "Overlay(3).Set(VIDEO_LOSS,0)",
-                            "Overlay(4).Set(VIDEO_LOSS,0)"));
-    /* In line now: no further call. */
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), IsEmpty());
+    overlay_set_no_video(o_h, 0, 0);
+    overlay_set_no_video(o_h, 2, 0);
+    overlay_set_config_changed(o_h, 3);
+    overlay_set_config_changed(o_h, 0);
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(1).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)",
+                                        "Overlay(2).Set(VIDEO_LOSS,0)",
+                                        "Overlay(4).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
+    EXPECT_THAT(evaluate(), IsEmpty());
 }
 
-TEST_F(OverlayTest, LossAndReturnAreShownAndUnshown)
+TEST_F(Overlay, LossAndReturnAreShownAndUnshown)
 {
     all_clear();
     overlay_set_no_video(o_h, 2, 1);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(3).Set(VIDEO_LOSS,0)"));
-
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(3).Set(VIDEO_LOSS,0)"));
     overlay_set_no_video(o_h, 2, 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(3).Unset(VIDEO_LOSS)"));
-
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(3).Unset(VIDEO_LOSS)"));
     /* Lost and back between two evaluations: nothing to change. */
     overlay_set_no_video(o_h, 2, 1);
     overlay_set_no_video(o_h, 2, 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), IsEmpty());
+    EXPECT_THAT(evaluate(), IsEmpty());
 }
 
-TEST_F(OverlayTest, ConfigurationChangeIsShownOnceAndForGood)
+TEST_F(Overlay, ConfigurationChangeIsShownOnceAndForGood)
 {
     all_clear();
     EXPECT_EQ(overlay_set_config_changed(o_h, 1), 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(2).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
-
-    overlay_evaluate(o_h);
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(2).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
     overlay_set_no_video(o_h, 1, 1);
-    overlay_evaluate(o_h);
+    EXPECT_THAT(evaluate(), IsEmpty());
     overlay_set_no_video(o_h, 1, 0);
-    overlay_evaluate(o_h);
-    EXPECT_EQ(overlay_set_config_changed(o_h, 1), 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), IsEmpty());
-
-    /* The other channels go on as before. */
+    overlay_set_config_changed(o_h, 1);
+    EXPECT_THAT(evaluate(), IsEmpty());
     overlay_set_no_video(o_h, 0, 1);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(1).Set(VIDEO_LOSS,0)"));
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(1).Set(VIDEO_LOSS,0)"));
 }
 
-TEST_F(OverlayTest, ConfigurationChangeWinsOverReturningVideoAndLeavesLossSet)
+TEST_F(Overlay, ConfigurationChangeWinsOverReturningVideoAndLeavesLossSet)
 {
-    /* Channel 0 shows "VIDEO_LOSS". */
-    overlay_evaluate(o_h);
-    journal_take();
-
+    EXPECT_THAT(evaluate(), testing::Contains("Overlay(1).Set(VIDEO_LOSS,0)"));
     overlay_set_no_video(o_h, 0, 0);
     overlay_set_config_changed(o_h, 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(1).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
-
-    overlay_evaluate(o_h);
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(1).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
     overlay_set_no_video(o_h, 0, 1);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), IsEmpty());
+    EXPECT_THAT(evaluate(), IsEmpty());
 }
 
-TEST_F(OverlayTest, ChannelsAreServedInIndexOrderWithTheirOwnTexts)
+TEST_F(Overlay, FailedCallsAreLoggedOnceAndNotRetried)
 {
-    overlay_set_no_video(o_h, 0, 0);
-    overlay_set_no_video(o_h, 2, 0);
-    overlay_set_config_changed(o_h, 3);
-    overlay_set_config_changed(o_h, 0);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(1).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)",
-                                            "Overlay(2).Set(VIDEO_LOSS,0)",
-                                            "Overlay(4).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
-}
-
-TEST_F(OverlayTest, FailedCallsAreLoggedOnceAndNotRetried)
-{
-    bus->fail_overlay = true;
+    fake::refuse_overlay = true;
     overlay_set_no_video(o_h, 0, 0);
     overlay_set_no_video(o_h, 1, 0);
     overlay_set_config_changed(o_h, 3);
+    log_capture_clear();
     overlay_evaluate(o_h);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(3).Set(VIDEO_LOSS,0)",
-                                            "Overlay(4).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
-    auto logs = logs_take();
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(3).Set(VIDEO_LOSS,0)",
+                                        "Overlay(4).Set(VIDEO_INPUT_CONFIGURATION_CHANGED,0)"));
+    const auto logs = log_capture_messages();
     ASSERT_EQ(logs.size(), 2u);
     for (auto &line : logs) {
-        EXPECT_EQ(line.level, static_cast<int>(KORVI_LOG_LEVEL_ERROR));
-        EXPECT_THAT(line.message,
+        EXPECT_EQ(line.level, korvi_log_level_bits(KORVI_LOG_LEVEL_ERROR));
+        EXPECT_THAT(line.text,
                     testing::MatchesRegex("prioritized_text_overlay: Call failed \\(-[0-9]+\\)"));
     }
 }
 
-TEST_F(OverlayTest, WithoutSystemBusEachChangeIsLoggedOnce)
-{
-    bus->make_system_bus_unreachable(true);
-    overlay_set_no_video(o_h, 0, 0);
-    overlay_set_no_video(o_h, 1, 0);
-    overlay_set_no_video(o_h, 2, 0);
-    overlay_evaluate(o_h);
-    overlay_evaluate(o_h);
-    auto logs = logs_take();
-    ASSERT_EQ(logs.size(), 1u);
-    EXPECT_THAT(logs[0].message, testing::MatchesRegex("prioritized_text_overlay Failed to "
-                                                       "acquire bus \\(-[0-9]+\\)"));
-    bus->make_system_bus_unreachable(false);
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), IsEmpty());
-}
-
-TEST_F(OverlayTest, MutexIsFreeWhileTheServiceIsCalled)
+TEST_F(Overlay, MutexIsFreeWhileTheServiceIsCalled)
 {
     /* While the service handles the call, another thread records a state. If
-     * the mutex were held across the call, the recording would wait for the
-     * call and the call for the recording. */
+     * the mutex were held across the call, each would wait for the other. */
     all_clear();
-    std::mutex recorder_mutex;
-    std::thread recorder;
+    std::mutex m;
     std::promise<void> recorded;
     auto done = recorded.get_future();
-    std::atomic<bool> recorded_in_time{false};
-    bus->set_overlay_hook([&] {
-        std::lock_guard guard(recorder_mutex);
-        if (recorder.joinable())
-            return;
+    std::thread recorder;
+    bool in_time = false;
+    fake::bus_set_call_hook([&] {
+        std::lock_guard guard(m);
         recorder = std::thread([&] {
             overlay_set_no_video(o_h, 3, 1);
             recorded.set_value();
         });
-        recorded_in_time = done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+        in_time = done.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
     });
     overlay_set_no_video(o_h, 0, 1);
     overlay_evaluate(o_h);
-    bus->set_overlay_hook(nullptr);
+    fake::bus_set_call_hook(nullptr);
     {
-        std::lock_guard guard(recorder_mutex);
+        std::lock_guard guard(m);
         ASSERT_TRUE(recorder.joinable());
         recorder.join();
+        EXPECT_TRUE(in_time);
     }
-    EXPECT_TRUE(recorded_in_time);
-
     /* Channel 3's loss was recorded during the pass and is shown by the next. */
     EXPECT_THAT(journal_take(), ElementsAre("Overlay(1).Set(VIDEO_LOSS,0)"));
-    overlay_evaluate(o_h);
-    EXPECT_THAT(journal_take(), ElementsAre("Overlay(4).Set(VIDEO_LOSS,0)"));
+    EXPECT_THAT(evaluate(), ElementsAre("Overlay(4).Set(VIDEO_LOSS,0)"));
 }
 
-TEST_F(OverlayTest, InitAndDeinitSayWhatTheyDo)
-{
-    OverlayHandler *other = overlay_init();
-    ASSERT_NE(other, nullptr);
-    overlay_deinit(other);
-    overlay_deinit(nullptr);
-    auto logs = logs_take();
-    ASSERT_EQ(logs.size(), 2u);
-    EXPECT_EQ(logs[0].message, "Init overlay handler");
-    EXPECT_EQ(logs[1].message, "Deinit overlay handler");
-    EXPECT_EQ(logs[0].level, G_LOG_LEVEL_INFO);
-}
-
-TEST(OverlayDeathTest, MissingHandleStops)
+TEST(OverlayDeathTest, MissingHandleStopsNamingTheSource)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(overlay_evaluate(nullptr),
                  "decoders/overlay\\.cpp:[0-9]+:.*overlay_evaluate.*o_h");
-    EXPECT_DEATH(overlay_set_no_video(nullptr, 0, 1), "o_h");
-    EXPECT_DEATH(overlay_set_config_changed(nullptr, 0), "o_h");
 }
 
 } // namespace
