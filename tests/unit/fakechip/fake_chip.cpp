@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sstream>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,14 +15,32 @@ namespace
 {
 
 constexpr uint8_t PAGE_REG = 0x40;
-constexpr uint8_t PAGE_ALL_VALUE = 0x04;
+constexpr uint8_t PAGE_ALL = 0x04;
 constexpr char SYNC_MSG[4] = {'S', 'Y', 'N', 'C'};
-constexpr char STOP_MSG[5] = {'S', 'T', 'O', 'P', '!'};
 
-[[noreturn]] void die(const char *what)
+void check(bool ok, const std::string &what)
 {
-    perror(what);
-    abort();
+    if (!ok) {
+        perror(("fakechip: " + what).c_str());
+        abort();
+    }
+}
+
+/* Page select, output and clock set-up, interrupt status and enable,
+ * identification: one register for the whole chip. */
+bool is_global(uint8_t reg)
+{
+    return reg == PAGE_REG || (reg >= 0x42 && reg <= 0x45) || (reg >= 0x4D && reg <= 0x53) ||
+           (reg >= 0xB4 && reg <= 0xBB) || reg >= 0xF0;
+}
+
+std::string line(int page, unsigned reg, int written = -1)
+{
+    char text[32];
+    snprintf(text, sizeof text, "%c %02X %02X", written < 0 ? 'R' : 'W', page & 0xFF, reg & 0xFF);
+    if (written >= 0)
+        snprintf(text + 7, sizeof text - 7, "=%02X", written & 0xFF);
+    return text;
 }
 
 } // namespace
@@ -29,46 +48,24 @@ constexpr char STOP_MSG[5] = {'S', 'T', 'O', 'P', '!'};
 FakeChip::FakeChip()
 {
     int sv[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) < 0)
-        die("fakechip: socketpair");
+    check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) == 0, "socketpair");
     driver_fd_ = sv[0];
     chip_fd_ = sv[1];
+    /* A second descriptor on the driver's end carries the sync barrier, so
+     * the chip answers it only after everything the driver sent before. */
     sync_fd_ = fcntl(driver_fd_, F_DUPFD_CLOEXEC, 0);
     null_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (sync_fd_ < 0 || null_fd_ < 0)
-        die("fakechip: descriptors");
-
-    /* The registers that exist once for the whole chip: page select, output
-     * and clock set-up, interrupt status and enable, identification. */
-    global_[PAGE_REG] = true;
-    for (int reg = 0x42; reg <= 0x45; reg++)
-        global_[reg] = true;
-    for (int reg = 0x4D; reg <= 0x53; reg++)
-        global_[reg] = true;
-    for (int reg = 0xB4; reg <= 0xBB; reg++)
-        global_[reg] = true;
-    for (int reg = 0xF0; reg <= 0xFF; reg++)
-        global_[reg] = true;
-
+    check(sync_fd_ >= 0 && null_fd_ >= 0, "descriptors");
     thread_ = std::thread([this] { serve(); });
 }
 
 FakeChip::~FakeChip()
 {
-    if (send(sync_fd_, STOP_MSG, sizeof STOP_MSG, MSG_NOSIGNAL) < 0)
-        die("fakechip: stop");
+    shutdown(sync_fd_, SHUT_WR); /* the chip reads the end */
     thread_.join();
-    if (fd_owned_)
-        close(driver_fd_);
-    close(sync_fd_);
-    close(chip_fd_);
-    close(null_fd_);
-}
-
-int FakeChip::release_fd()
-{
-    fd_owned_ = false;
-    return driver_fd_;
+    for (int fd : {fd_owned_ ? driver_fd_ : -1, sync_fd_, chip_fd_, null_fd_})
+        if (fd >= 0)
+            close(fd);
 }
 
 void FakeChip::set_identity(uint8_t chip_id, uint8_t revision)
@@ -78,85 +75,46 @@ void FakeChip::set_identity(uint8_t chip_id, uint8_t revision)
     set(ANY_PAGE, 0xFD, revision);
 }
 
-FakeChip::Key FakeChip::key_for(int page, uint8_t reg) const
+uint8_t &FakeChip::cell(int page, uint8_t reg)
 {
-    return Key{global_[reg] ? ANY_PAGE : page, reg};
+    return regs_[is_global(reg) ? 0 : page == ANY_PAGE ? regs_[0][PAGE_REG] : page & 0xFF][reg];
 }
 
 void FakeChip::set(int page, uint8_t reg, uint8_t value)
 {
     sync();
     std::lock_guard lock(mutex_);
-    if (global_[reg]) {
-        global_regs_[reg] = value;
-        if (reg == PAGE_REG)
-            page_ = value;
-    } else if (page == ANY_PAGE) {
-        for (auto &bank : regs_)
-            bank[reg] = value;
-    } else {
-        regs_[page & 0xFF][reg] = value;
-    }
+    for (int p = 0; p < 256; p++)
+        if (page == ANY_PAGE ? !is_global(reg) || p == 0 : p == page)
+            cell(p, reg) = value;
 }
 
 uint8_t FakeChip::get(int page, uint8_t reg)
 {
     sync();
     std::lock_guard lock(mutex_);
-    if (global_[reg])
-        return global_regs_[reg];
-    return regs_[page == ANY_PAGE ? page_ : page & 0xFF][reg];
-}
-
-void FakeChip::set_global(uint8_t reg, bool global)
-{
-    std::lock_guard lock(mutex_);
-    global_[reg] = global;
-}
-
-bool FakeChip::is_global(uint8_t reg) const
-{
-    return global_[reg];
+    return cell(page, reg);
 }
 
 void FakeChip::script_reads(int page, uint8_t reg, std::vector<uint8_t> values)
 {
     sync();
     std::lock_guard lock(mutex_);
-    scripts_[key_for(page, reg)] = std::deque<uint8_t>(values.begin(), values.end());
+    scripts_[{page, reg}].assign(values.begin(), values.end());
 }
 
 void FakeChip::fail_reads(int page, uint8_t reg, int count)
 {
     sync();
     std::lock_guard lock(mutex_);
-    failures_[key_for(page, reg)] = count;
-}
-
-void FakeChip::fail_next_reads(int count)
-{
-    sync();
-    std::lock_guard lock(mutex_);
-    fail_next_ = count;
+    failures_[{page, reg}] = count;
 }
 
 void FakeChip::set_offline(bool offline)
 {
     sync();
-    if (offline == offline_)
-        return;
-    /* Swapping what the descriptor number refers to: a read-only /dev/null
-     * refuses writes (EBADF) and reads return 0 bytes. */
-    if (dup2(offline ? null_fd_ : sync_fd_, driver_fd_) < 0)
-        die("fakechip: dup2");
-    offline_ = offline;
-}
-
-uint8_t FakeChip::page()
-{
-    sync();
-    std::lock_guard lock(mutex_);
-    return page_;
+    /* /dev/null opened read-only refuses writes and reads 0 bytes. */
+    check(dup2(offline ? null_fd_ : sync_fd_, driver_fd_) >= 0, "dup2");
 }
 
 std::vector<Transaction> FakeChip::transactions()
@@ -166,21 +124,12 @@ std::vector<Transaction> FakeChip::transactions()
     return log_;
 }
 
-std::vector<RegWrite> FakeChip::writes()
+std::vector<RegWrite> FakeChip::writes(int reg)
 {
     std::vector<RegWrite> out;
     for (const auto &t : transactions())
-        if (t.kind == Transaction::WRITE)
+        if (t.kind == Transaction::WRITE && (reg < 0 || t.reg == reg))
             out.push_back({t.page, t.reg, static_cast<uint8_t>(t.value)});
-    return out;
-}
-
-std::vector<RegWrite> FakeChip::writes_of(uint8_t reg)
-{
-    std::vector<RegWrite> out;
-    for (const auto &w : writes())
-        if (w.reg == reg)
-            out.push_back(w);
     return out;
 }
 
@@ -188,8 +137,7 @@ size_t FakeChip::count_reads(uint8_t reg)
 {
     size_t n = 0;
     for (const auto &t : transactions())
-        if (t.kind == Transaction::READ && t.reg == reg)
-            n++;
+        n += t.kind == Transaction::READ && t.reg == reg;
     return n;
 }
 
@@ -200,67 +148,71 @@ void FakeChip::clear_log()
     log_.clear();
 }
 
-void FakeChip::sync()
+std::vector<std::string> FakeChip::log_lines()
 {
-    /* The barrier travels through the same socket as the driver's messages,
-     * so the chip thread answers it only after handling all of them. */
-    if (send(sync_fd_, SYNC_MSG, sizeof SYNC_MSG, MSG_NOSIGNAL) != sizeof SYNC_MSG)
-        die("fakechip: sync send");
-    char reply[8];
-    for (;;) {
-        const ssize_t n = recv(sync_fd_, reply, sizeof reply, 0);
-        if (n == sizeof SYNC_MSG)
-            return;
-        if (n < 0 && errno != EINTR)
-            die("fakechip: sync recv");
-        /* Anything else is a register answer the driver never collected:
-         * the protocol was broken by the code under test. */
-        if (n >= 0 && n != sizeof SYNC_MSG) {
-            fprintf(stderr, "fakechip: uncollected answer of %zd bytes\n", n);
-            abort();
+    std::vector<std::string> lines;
+    for (const auto &t : transactions())
+        lines.push_back(line(t.page, t.reg, t.kind == Transaction::WRITE ? t.value : -1));
+    return lines;
+}
+
+std::vector<std::string> FakeChip::expected_lines(const std::string &sequence, uint8_t page)
+{
+    const auto log = transactions();
+    std::vector<std::string> lines;
+    std::istringstream in(sequence);
+    std::string step;
+    for (size_t at = 0; in >> step;) { /* at: the place in the log of the step's first transfer */
+        unsigned reg, mask, value;
+        int used = 0;
+        const int length = static_cast<int>(step.size());
+        if (sscanf(step.c_str(), "?%2x%n", &reg, &used) == 1 && used == length) {
+            lines.push_back(line(page, reg));
+            at++;
+        } else if (sscanf(step.c_str(), "%2x&%2x=%2x%n", &reg, &mask, &value, &used) == 3 &&
+                   used == length) {
+            lines.push_back(line(page, reg));
+            const bool read = at < log.size() && log[at].kind == Transaction::READ &&
+                              log[at].reg == reg && log[at].page == page && log[at].value >= 0;
+            lines.push_back(read ? line(page, reg, (log[at].value & ~mask) | (value & mask))
+                                 : "W (update without its read)");
+            at += 2;
+        } else {
+            check(sscanf(step.c_str(), "%2x=%2x%n", &reg, &value, &used) == 2 && used == length,
+                  "bad step " + step);
+            lines.push_back(line(page, reg, value));
+            page = reg == PAGE_REG ? static_cast<uint8_t>(value) : page;
+            at++;
         }
     }
+    return lines;
+}
+
+void FakeChip::sync()
+{
+    check(send(sync_fd_, SYNC_MSG, sizeof SYNC_MSG, MSG_NOSIGNAL) == sizeof SYNC_MSG, "sync");
+    char reply[8];
+    ssize_t n;
+    while ((n = recv(sync_fd_, reply, sizeof reply, 0)) < 0 && errno == EINTR)
+        ;
+    /* Anything else is a register answer that the driver never collected. */
+    check(n == sizeof SYNC_MSG, "sync answer");
 }
 
 int FakeChip::answer_read(uint8_t reg)
 {
-    const Key key = key_for(page_, reg);
-    const Key any{ANY_PAGE, reg};
-    if (fail_next_ > 0) {
-        fail_next_--;
-        return -1;
-    }
-    for (const Key &k : {key, any}) {
-        auto it = failures_.find(k);
-        if (it != failures_.end() && it->second != 0) {
-            if (it->second > 0)
-                it->second--;
+    for (const Key &k : {Key{regs_[0][PAGE_REG], reg}, Key{ANY_PAGE, reg}}) {
+        if (failures_[k] > 0) {
+            failures_[k]--;
             return -1;
         }
-    }
-    for (const Key &k : {key, any}) {
-        auto it = scripts_.find(k);
-        if (it != scripts_.end() && !it->second.empty()) {
-            const uint8_t v = it->second.front();
-            it->second.pop_front();
+        if (auto &script = scripts_[k]; !script.empty()) {
+            const uint8_t v = script.front();
+            script.pop_front();
             return v;
         }
     }
-    return global_[reg] ? global_regs_[reg] : regs_[page_][reg];
-}
-
-void FakeChip::store(uint8_t reg, uint8_t value)
-{
-    if (global_[reg]) {
-        global_regs_[reg] = value;
-        if (reg == PAGE_REG)
-            page_ = value;
-        return;
-    }
-    regs_[page_][reg] = value;
-    if (page_ == PAGE_ALL_VALUE)
-        for (int p = 0; p < PAGE_ALL_VALUE; p++)
-            regs_[p][reg] = value;
+    return cell(ANY_PAGE, reg);
 }
 
 void FakeChip::serve()
@@ -268,38 +220,25 @@ void FakeChip::serve()
     for (;;) {
         uint8_t msg[16];
         const ssize_t n = recv(chip_fd_, msg, sizeof msg, 0);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            die("fakechip: recv");
-        }
-        if (n == sizeof STOP_MSG)
+        if (n < 0 && errno == EINTR)
+            continue;
+        check(n >= 0 && n != 3 && n <= 4, "unexpected message");
+        if (n == 0) /* shut down */
             return;
         if (n == sizeof SYNC_MSG) {
-            if (send(chip_fd_, SYNC_MSG, sizeof SYNC_MSG, MSG_NOSIGNAL) < 0)
-                die("fakechip: sync answer");
+            check(send(chip_fd_, SYNC_MSG, n, MSG_NOSIGNAL) == n, "sync answer");
             continue;
         }
-        if (n == 1) {
-            int value;
-            {
-                std::lock_guard lock(mutex_);
-                value = answer_read(msg[0]);
-                log_.push_back({Transaction::READ, page_, msg[0], value});
-            }
-            const uint8_t byte = static_cast<uint8_t>(value);
-            if (send(chip_fd_, &byte, value < 0 ? 0 : 1, MSG_NOSIGNAL) < 0)
-                die("fakechip: answer");
-            continue;
-        }
-        if (n == 2) {
-            std::lock_guard lock(mutex_);
-            log_.push_back({Transaction::WRITE, page_, msg[0], msg[1]});
-            store(msg[0], msg[1]);
-            continue;
-        }
-        fprintf(stderr, "fakechip: unexpected message of %zd bytes\n", n);
-        abort();
+        std::lock_guard lock(mutex_);
+        const uint8_t page = regs_[0][PAGE_REG];
+        const int value = n == 1 ? answer_read(msg[0]) : msg[1];
+        log_.push_back({n == 1 ? Transaction::READ : Transaction::WRITE, page, msg[0], value});
+        if (n == 2) /* while 0x04 is selected, a write lands on every channel's page */
+            for (int p = page == PAGE_ALL ? 0 : page; p <= page; p++)
+                cell(p, msg[0]) = msg[1];
+        const uint8_t byte = static_cast<uint8_t>(value);
+        if (n == 1)
+            check(send(chip_fd_, &byte, value < 0 ? 0 : 1, MSG_NOSIGNAL) >= 0, "answer");
     }
 }
 

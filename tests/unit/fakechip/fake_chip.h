@@ -1,40 +1,20 @@
-/* A TP28xx decoder chip played on the far end of a socketpair, for the chip
- * driver's tests and benches.
+/* A TP28xx decoder chip played by a thread on the far end of a socketpair.
  *
- * The driver gets fd(), one end of a socketpair(AF_UNIX, SOCK_SEQPACKET), and
- * uses it exactly as it uses an i2c-dev descriptor. A thread on the other end
- * plays the chip. Message protocol (SEQPACKET keeps message boundaries):
- *
- *   driver -> chip  1 byte  {reg}         register pointer. The chip answers
- *                                         at once with a 1-byte message, the
- *                                         register's value, which the driver's
- *                                         following 1-byte read() receives; an
- *                                         injected read failure answers with an
- *                                         empty message, so that read() returns
- *                                         0. Logged as one READ.
- *   driver -> chip  2 bytes {reg, value}  register write, no answer. Logged as
- *                                         one WRITE.
- *   harness <-> chip 4 bytes              sync barrier (see sync()), not logged.
- *
- * Every 1-byte write must therefore be followed by a 1-byte read, which is
- * what a register read does; the driver never writes a bare pointer.
- *
- * Registers: the page register 0x40 and the chip-global registers (see
- * is_global) have one value each; every other register has one value per
- * value of 0x40 (the page in effect). A write while 0x40 holds 0x04 (all
- * channels) lands on pages 0x00 to 0x04. Every register starts at 0x00.
- *
- * Use from one test thread: the accessors synchronise with the chip thread
- * first, so everything the driver has written is visible. Don't call them
- * while a driver call runs on another thread. */
+ * The driver uses fd() as an i2c-dev descriptor: a 1-byte message {reg} is a
+ * register pointer, answered at once with the value (an empty answer for an
+ * injected read failure); a 2-byte message {reg, value} is a write. Every
+ * transfer is logged. The page register 0x40 and the chip-global registers
+ * have one value each, every other register one per value of 0x40 (0x04
+ * writes pages 0 to 4). Registers start at 0x00. The accessors first wait
+ * until the chip has handled everything the driver sent. */
 #pragma once
 
 #include <array>
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -42,25 +22,16 @@
 namespace fakechip
 {
 
-/* Page argument meaning "on every page" (scripting only). */
-constexpr int ANY_PAGE = -1;
+constexpr int ANY_PAGE = -1; /* on every page; for get: the selected one */
 
 struct Transaction {
-    enum Kind { READ, WRITE };
-    Kind kind;
-    uint8_t page; /* the value of 0x40 when the transfer happened */
-    uint8_t reg;
-    int value; /* written, or answered to a read; -1 for a failed read */
-
-    bool operator==(const Transaction &) const = default;
+    enum Kind { READ, WRITE } kind;
+    uint8_t page, reg; /* page: the value of 0x40 at the time */
+    int value;         /* -1 for a failed read */
 };
 
-/* A register write as (page in effect, register, value). */
 struct RegWrite {
-    uint8_t page;
-    uint8_t reg;
-    uint8_t value;
-
+    uint8_t page, reg, value;
     bool operator==(const RegWrite &) const = default;
 };
 
@@ -69,80 +40,59 @@ class FakeChip
   public:
     FakeChip();
     ~FakeChip();
-    FakeChip(const FakeChip &) = delete;
-    FakeChip &operator=(const FakeChip &) = delete;
 
-    /* The driver's descriptor. The harness closes it in its destructor unless
-     * release_fd() was called (for a driver that closes it itself). */
     int fd() const { return driver_fd_; }
-    int release_fd();
-
-    /* Chip identity: 0xFE = 0x28, 0xFF = 0x26/0x27, 0xFD = revision. */
+    int release_fd() /* for a driver that closes it itself */
+    {
+        fd_owned_ = false;
+        return driver_fd_;
+    }
     void set_identity(uint8_t chip_id, uint8_t revision);
-
-    /* Stored register value (page ANY_PAGE: on every page). */
     void set(int page, uint8_t reg, uint8_t value);
     uint8_t get(int page, uint8_t reg);
-    /* Marks a register as chip-global (one value for all pages) or not. */
-    void set_global(uint8_t reg, bool global);
-    bool is_global(uint8_t reg) const;
-
-    /* Successive reads of the register on that page (or on any page) return
-     * these values in turn; once they are used up, reads return the stored
-     * value. A later script for the same register replaces the remaining one. */
+    /* The next reads of the register on that page (or any) return these
+     * values, or fail, before the stored value is read again. */
     void script_reads(int page, uint8_t reg, std::vector<uint8_t> values);
-    /* The next `count` reads of the register (page or ANY_PAGE) fail; count
-     * -1: every read from now on. */
     void fail_reads(int page, uint8_t reg, int count);
-    /* The next `count` reads of any register fail. */
-    void fail_next_reads(int count);
-    /* While offline the driver's descriptor refuses every transfer (writes
-     * fail, reads return nothing); nothing reaches the chip or the log. */
+    /* Every transfer fails, without reaching the chip. */
     void set_offline(bool offline);
+    uint8_t page() { return get(0, 0x40); }
 
-    /* The value of the page register. */
-    uint8_t page();
-
-    /* The log since construction or the last clear_log(). */
     std::vector<Transaction> transactions();
-    std::vector<RegWrite> writes();
-    /* Writes whose register is `reg` (any page). */
-    std::vector<RegWrite> writes_of(uint8_t reg);
+    std::vector<RegWrite> writes(int reg = -1); /* of one register, or all */
     size_t count_reads(uint8_t reg);
     void clear_log();
 
-    /* Waits until the chip thread has handled every message written so far. */
-    void sync();
+    /* One line per transfer: "W 01 15=03" (page, register, value), "R 01 02". */
+    std::vector<std::string> log_lines();
+    /* The lines of a sequence in the chip's notation starting on `page`:
+     * "0B=C0" writes 0xC0 to 0x0B (to 0x40: a page change), "?B6" reads 0xB6,
+     * "02&17=00" replaces the bits 0x17 of 0x02: a read, then a write of the
+     * merged value, taken from the chip's answer at that place in the log. */
+    std::vector<std::string> expected_lines(const std::string &sequence, uint8_t page);
 
   private:
-    struct Key {
-        int page;
-        uint8_t reg;
-        auto operator<=>(const Key &) const = default;
-    };
+    using Key = std::pair<int, uint8_t>; /* page (or ANY_PAGE), register */
 
+    void sync();
     void serve();
     int answer_read(uint8_t reg);
-    void store(uint8_t reg, uint8_t value);
-    Key key_for(int page, uint8_t reg) const;
+    uint8_t &cell(int page, uint8_t reg);
 
-    int driver_fd_ = -1;
-    int chip_fd_ = -1;
-    int sync_fd_ = -1; /* a second descriptor on the driver end */
-    int null_fd_ = -1;
+    int driver_fd_ = -1, chip_fd_ = -1, sync_fd_ = -1, null_fd_ = -1;
     bool fd_owned_ = true;
-    bool offline_ = false;
 
     std::mutex mutex_;
-    uint8_t page_ = 0;
-    std::array<bool, 256> global_{};
-    std::array<std::array<uint8_t, 256>, 256> regs_{}; /* [page][reg] */
-    std::array<uint8_t, 256> global_regs_{};
+    std::array<std::array<uint8_t, 256>, 256> regs_{}; /* [page][reg]; page 0 for globals */
     std::map<Key, std::deque<uint8_t>> scripts_;
     std::map<Key, int> failures_;
-    int fail_next_ = 0;
     std::vector<Transaction> log_;
     std::thread thread_;
 };
 
 } // namespace fakechip
+
+/* The whole log since the last clear_log() against a sequence in the notation. */
+#define EXPECT_SEQ(chip, sequence, start_page)                                                     \
+    EXPECT_THAT((chip).log_lines(),                                                                \
+                ::testing::ElementsAreArray((chip).expected_lines((sequence), (start_page))))
