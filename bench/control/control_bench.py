@@ -409,6 +409,10 @@ def bench_ptz(board, client, args):
     log()
 
 
+def load_average():
+    return " ".join(f"{x:.2f}" for x in os.getloadavg())
+
+
 def main():
     p = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     p.add_argument("--build", default=os.path.join(REPO, "build", "debug"))
@@ -425,6 +429,8 @@ def main():
         sys.exit("control_bench: needs root (the board's mount namespace)")
     log(f"build {os.path.abspath(args.build)}; TP2827 board, cameras {', '.join(CAMERAS)}, "
         f"capture modes {', '.join(CAPTURE_MODES)}")
+    log(f"machine: {os.cpu_count()} CPUs, load average {load_average()} at the start "
+        "(other work on the machine moves every time below)")
     log()
     try:
         with rov.Board(args.build, chip="tp2827", cameras=CAMERAS,
@@ -443,7 +449,8 @@ def main():
             finally:
                 client.close()
             status = board.stop()
-            log(f"daemon exit status after SIGTERM: {status}")
+            log(f"daemon exit status after SIGTERM: {status}; load average {load_average()} "
+                "at the end")
     except rov.BoardError as e:
         sys.exit(f"control_bench: {e}")
 
