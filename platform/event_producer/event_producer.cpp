@@ -66,12 +66,13 @@ VariantPtr make_value(gconstpointer value, gint type)
     }
 }
 
+/* Dropping the last reference closes a private connection and releases its
+ * socket. No g_dbus_connection_close_sync() first: from a thread that does not
+ * run a main loop, it leaves the connection's worker sources behind, about 5 kB
+ * for every call, and the daemon makes one connection per call for as long as it
+ * runs. */
 struct ConnectionDeleter {
-    void operator()(GDBusConnection *connection) const
-    {
-        g_dbus_connection_close_sync(connection, nullptr, nullptr);
-        g_object_unref(connection);
-    }
+    void operator()(GDBusConnection *connection) const { g_object_unref(connection); }
 };
 using ConnectionPtr = std::unique_ptr<GDBusConnection, ConnectionDeleter>;
 
