@@ -464,8 +464,8 @@ def bench_valgrind(args):
         log(f"  SIGTERM -> exit under valgrind: {ms(took)}; exit status {status}")
         with open(vglog) as f:
             text = f.read()
-        keep = re.compile(r"(definitely lost|indirectly lost|possibly lost|still reachable|"
-                          r"ERROR SUMMARY|All heap blocks|in use at exit)")
+        keep = re.compile(r"^==\d+== +(definitely lost:|indirectly lost:|possibly lost:|"
+                          r"still reachable:|ERROR SUMMARY|All heap blocks|in use at exit)")
         for line in text.splitlines():
             if keep.search(line):
                 log("  " + re.sub(r"^==\d+== ", "", line))
@@ -479,7 +479,7 @@ def bench_valgrind(args):
         for record in records[:6]:
             lines = [re.sub(r"^==\d+== +", "", line) for line in record.splitlines()]
             log("    " + lines[0])
-            for line in lines[1:9]:
+            for line in lines[1:13]:
                 log("      " + line)
     finally:
         shutil.rmtree(outdir, ignore_errors=True)
