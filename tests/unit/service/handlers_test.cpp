@@ -1,20 +1,146 @@
 /* The Encoder service's handlers on a private bus, called the way a client
- * calls them, with the real generated binding. */
+ * calls them, with the real generated binding and decoder object. The modules
+ * they reach are replaced at link time by stand-ins that record each call, and
+ * the chip driver by slots that behave as the daemon relies on. */
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <gio/gio.h>
 
+#include "configfile.h"
 #include "dbus_binding.h"
 #include "decoder.h"
 #include "decoder_types.h"
+#include "encoder_events.h"
+#include "gpio.h"
 #include "korvi_log.h"
 #include "log_capture.h"
-#include "standins.h"
+#include "overlay.h"
 #include "tp28xx.h"
+#include "util.h"
+#include "video_input_type.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using Calls = std::vector<std::string>;
+
+namespace
+{
+
+struct Standins {
+    Calls calls;
+    int32_t dec_chip = video_tp2827;
+    int32_t capture_mode[MAX_SOURCES] = {1, 1, 1, 1};
+    int set_capture_mode_result = 0;
+    int termination_result = 0;
+    int32_t slot_result = 0;        /* image-control slots */
+    int32_t standard_fails_on = -1; /* set_video_standard fails on this channel */
+} standins;
+char token;
+
+void call(const char *format, ...) G_GNUC_PRINTF(1, 2);
+void call(const char *format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    g_autofree gchar *text = g_strdup_vprintf(format, args);
+    va_end(args);
+    standins.calls.emplace_back(text);
+}
+
+Calls calls_starting(std::initializer_list<std::string> prefixes)
+{
+    Calls found;
+    for (const auto &c : standins.calls)
+        for (const auto &p : prefixes)
+            if (c.starts_with(p))
+                found.push_back(c);
+    return found;
+}
+
+/* The driver's contract for set_video_standard, as the daemon relies on it. */
+int32_t fake_set_video_standard(Channel *c, int32_t standard, int32_t type, uint8_t auto_mode,
+                                uint8_t internal)
+{
+    call("set_video_standard(%d,%d,%d,%d,%d)", c->index, standard, type, auto_mode, internal);
+    if (c->index == standins.standard_fails_on)
+        return -1;
+    c->auto_mode = auto_mode;
+    c->configured = type == VT_DISABLED;
+    if (auto_mode == 1 && internal == 0) {
+        c->video_type = VT_AUTO;
+        c->chip_state->lock_state = LS_SEARCH;
+        return 0;
+    }
+    c->chip_state->resolution = c->video_type = type;
+    c->chip_state->lock_state = LS_LOCKED;
+    c->standard = standard;
+    return 0;
+}
+
+template <typename T>
+int32_t slot(const char *name, Channel *c, T value)
+{
+    call("%s(%d,%lld)", name, c->index, static_cast<long long>(value));
+    return standins.slot_result;
+}
+
+} // namespace
+
+// clang-format off
+int gpio_reset_decoder(void) { return 0; }
+int gpio_setup_irq(void) { return 0; }
+int gpio_set_video_termination(int channel, int value)
+{
+    call("gpio_set_video_termination(%d,%d)", channel, value);
+    return standins.termination_result;
+}
+Decoder *tp28xx_create(void)
+{
+    Decoder *dec = g_new0(Decoder, 1);
+    dec->dec_chip = standins.dec_chip;
+    dec->nbr_channels = MAX_SOURCES;
+    dec->ops.setup_channel = [](Channel *c) { c->chip_state = g_new0(DetectState, 1); return 1; };
+    dec->ops.set_saturation = [](Channel *c, uint32_t v) { return slot("set_saturation", c, v); };
+    dec->ops.set_brightness = [](Channel *c, uint32_t v) { return slot("set_brightness", c, v); };
+    dec->ops.set_contrast = [](Channel *c, uint32_t v) { return slot("set_contrast", c, v); };
+    dec->ops.set_hue = [](Channel *c, uint8_t v) { return slot("set_hue", c, v); };
+    dec->ops.set_sharpness = [](Channel *c, uint32_t v) { return slot("set_sharpness", c, v); };
+    dec->ops.set_xoffset = [](Channel *c, int32_t v) { return slot("set_xoffset", c, v); };
+    dec->ops.set_yoffset = [](Channel *c, int32_t v) { return slot("set_yoffset", c, v); };
+    dec->ops.set_video_standard = fake_set_video_standard;
+    return dec;
+}
+void tp28xx_close(Decoder *) {}
+EncoderEvents *encoder_events_create(uint32_t) { return reinterpret_cast<EncoderEvents *>(&token); }
+void encoder_events_free(EncoderEvents *) {}
+int encoder_events_send_video_connected(EncoderEvents *, uint32_t, gboolean) { return 1; }
+OverlayHandler *overlay_init(void) { return reinterpret_cast<OverlayHandler *>(&token); }
+void overlay_deinit(OverlayHandler *) {}
+int overlay_set_config_changed(OverlayHandler *, uint32_t ch) { call("overlay_set_config_changed(%u)", ch); return 0; }
+bool config_file_load() { return true; }
+bool config_file_create() { return true; }
+bool config_file_save_channel(Channel *c)
+{
+    call("config_file_save_channel(%d) %d,%d,%d,%d", c->index, c->standard, c->video_type, c->auto_mode,
+         c->configured);
+    return true;
+}
+int32_t config_file_get_video_type(uint32_t) { return VT_AUTO; }
+int32_t config_file_get_video_standard(uint32_t) { return VS_NONE; }
+uint8_t config_file_get_auto(uint32_t) { return 1; }
+int32_t get_capture_mode_index(int32_t ch) { call("capture_mode_get(%d)", ch); return standins.capture_mode[ch]; }
+int set_capture_mode(int32_t capture_mode, int32_t channel)
+{
+    call("capture_mode_set(%d,%d)", capture_mode, channel);
+    if (standins.set_capture_mode_result >= 0)
+        standins.capture_mode[channel] = capture_mode;
+    return standins.set_capture_mode_result;
+}
+int set_capture_frequency(Channel *c) { call("capture_frequency_set(%d)", c->index); return 0; }
+void set_channel_no_video(Decoder *, int32_t, int) {}
+void update_video_input_type(Channel *c) { call("update_video_input_type(%d)", c->index); }
+// clang-format on
 
 namespace
 {
@@ -22,32 +148,11 @@ namespace
 constexpr const char *kPath = "/com/korvi/Encoder";
 constexpr const char *kIface = "com.korvi.Encoder";
 
-/* One private bus for the whole executable. */
-class PrivateBus : public ::testing::Environment
+GDBusConnection *connect_bus(const char *address)
 {
-  public:
-    void SetUp() override
-    {
-        bus_ = g_test_dbus_new(G_TEST_DBUS_NONE);
-        g_test_dbus_up(bus_);
-        address = g_test_dbus_get_bus_address(bus_);
-    }
-    void TearDown() override
-    {
-        g_test_dbus_down(bus_);
-        g_object_unref(bus_);
-    }
-    static inline std::string address;
-
-  private:
-    GTestDBus *bus_ = nullptr;
-};
-
-GDBusConnection *connect_bus()
-{
-    GError *error = nullptr;
+    g_autoptr(GError) error = nullptr;
     GDBusConnection *c = g_dbus_connection_new_for_address_sync(
-        PrivateBus::address.c_str(),
+        address,
         static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
         nullptr, nullptr, &error);
@@ -59,52 +164,39 @@ struct Reply {
     GVariant *value = nullptr;
     GError *error = nullptr;
     bool done = false;
-
     ~Reply()
     {
-        if (value)
-            g_variant_unref(value);
-        if (error)
-            g_error_free(error);
-    }
-    bool ok() const { return error == nullptr; }
-    std::string error_name() const
-    {
-        g_autofree gchar *name = error ? g_dbus_error_get_remote_error(error) : nullptr;
-        return name ? name : "";
-    }
-    std::string error_message() const
-    {
-        if (!error)
-            return "";
-        GError copy = *error;
-        g_autofree gchar *msg = g_strdup(error->message);
-        GError *e = g_error_copy(&copy);
-        g_dbus_error_strip_remote_error(e);
-        std::string text = e->message;
-        g_error_free(e);
-        return text;
+        g_clear_pointer(&value, g_variant_unref);
+        g_clear_error(&error);
     }
 };
 
 class Handlers : public ::testing::Test
 {
   protected:
-    void SetUp() override
+    static void SetUpTestSuite()
+    {
+        bus_ = g_test_dbus_new(G_TEST_DBUS_NONE);
+        g_test_dbus_up(bus_);
+    }
+    static void TearDownTestSuite()
+    {
+        g_test_dbus_down(bus_);
+        g_clear_object(&bus_);
+    }
+    void SetUp() override { setup_decoder(video_tp2827); }
+    void TearDown() override { teardown_decoder(); }
+
+    void setup_decoder(int32_t chip)
     {
         log_capture_start();
-        standins_reset();
-        setup_decoder();
-    }
-
-    void setup_decoder()
-    {
+        standins = Standins();
+        standins.dec_chip = chip;
         dec_ = decoder_create();
         ASSERT_NE(dec_, nullptr);
-        server_ = connect_bus();
-        client_ = connect_bus();
+        server_ = connect_bus(g_test_dbus_get_bus_address(bus_));
+        client_ = connect_bus(g_test_dbus_get_bus_address(bus_));
         encoder_ = encoder_object_new(dec_);
-        dbus_encoder_set_multi_device_properties(encoder_, gpio_cpuid());
         ASSERT_TRUE(g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(encoder_), server_,
                                                      kPath, nullptr));
         manager_ = g_dbus_object_manager_server_new(kPath);
@@ -112,31 +204,21 @@ class Handlers : public ::testing::Test
         g_dbus_object_manager_server_set_connection(manager_, server_);
         standins.calls.clear();
     }
-
-    void TearDown() override { teardown_decoder(); }
-
     void teardown_decoder()
     {
-        if (manager_) {
-            unexport_video_objects(dec_, manager_);
-            g_dbus_object_manager_server_set_connection(manager_, nullptr);
-            g_clear_object(&manager_);
-        }
-        if (encoder_) {
-            g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(encoder_));
-            g_clear_object(&encoder_);
-        }
-        if (dec_)
-            decoder_exit(dec_);
-        dec_ = nullptr;
+        unexport_video_objects(dec_, manager_);
+        g_dbus_object_manager_server_set_connection(manager_, nullptr);
+        g_clear_object(&manager_);
+        g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(encoder_));
+        g_clear_object(&encoder_);
+        decoder_exit(dec_);
         g_clear_object(&client_);
         g_clear_object(&server_);
     }
 
-    static gboolean gpio_cpuid() { return standins.cpuid != 0; }
-
     /* Calls a method and runs the main context until the answer arrives. */
-    void call(Reply &r, const char *path, const char *iface, const char *method, GVariant *params)
+    void call(Reply &r, const char *method, GVariant *params, const char *path = kPath,
+              const char *iface = kIface)
     {
         g_dbus_connection_call(
             client_, g_dbus_connection_get_unique_name(server_), path, iface, method, params,
@@ -151,49 +233,36 @@ class Handlers : public ::testing::Test
         while (!r.done)
             g_main_context_iteration(nullptr, TRUE);
     }
-    void call(Reply &r, const char *method, GVariant *params)
-    {
-        call(r, kPath, kIface, method, params);
-    }
-
-    void expect_error(const char *method, GVariant *params, const std::string &name,
-                      const std::string &message)
+    void expect_ok(int ch, int auto_mode, const char *standard, const char *resolution)
     {
         Reply r;
-        call(r, method, params);
-        ASSERT_FALSE(r.ok()) << method << " was accepted";
-        EXPECT_EQ(r.error_name(), name) << method;
-        EXPECT_EQ(r.error_message(), message) << method;
+        call(r, "SetVideoStandard", g_variant_new("(iiss)", ch, auto_mode, standard, resolution));
+        EXPECT_EQ(r.error, nullptr) << standard << " " << resolution << ": " << r.error->message;
     }
-    void expect_ok(const char *method, GVariant *params)
+    /* The standard and resolution calls that reached the chip since the last look. */
+    Calls standard_calls()
     {
-        Reply r;
-        call(r, method, params);
-        EXPECT_TRUE(r.ok()) << method << ": " << r.error_message();
+        Calls c = calls_starting({"set_video_standard"});
+        standins.calls.clear();
+        return c;
     }
-
-    GVariant *property(const char *path, const char *iface, const char *name)
-    {
-        Reply r;
-        call(r, path, "org.freedesktop.DBus.Properties", "Get", g_variant_new("(ss)", iface, name));
-        EXPECT_TRUE(r.ok()) << r.error_message();
-        if (!r.ok())
-            return nullptr;
-        GVariant *v = nullptr;
-        g_variant_get(r.value, "(v)", &v);
-        return v;
-    }
-
     /* Locks a channel on a format the way the driver would. */
-    void lock_channel(int ch, int32_t standard, int32_t type)
+    void lock_channel(int ch, int32_t standard, int32_t type, int32_t lock_state = LS_LOCKED)
     {
         Channel &c = dec_->channels[ch];
         c.standard = standard;
-        c.video_type = type;
-        c.chip_state->resolution = type;
-        c.chip_state->lock_state = LS_LOCKED;
+        c.video_type = c.chip_state->resolution = type;
+        c.chip_state->lock_state = lock_state;
+    }
+    GVariant *list_config()
+    {
+        Reply r;
+        call(r, "ListConfig", nullptr);
+        EXPECT_EQ(r.error, nullptr);
+        return r.value ? g_variant_get_child_value(r.value, 0) : nullptr;
     }
 
+    static inline GTestDBus *bus_ = nullptr;
     Decoder *dec_ = nullptr;
     GDBusConnection *server_ = nullptr;
     GDBusConnection *client_ = nullptr;
@@ -201,407 +270,277 @@ class Handlers : public ::testing::Test
     GDBusObjectManagerServer *manager_ = nullptr;
 };
 
-const std::string kInvalidArgument = "com.korvi.Encoder.Error.InvalidArgument";
-const std::string kSystem = "com.korvi.Encoder.Error.System";
-const std::string kInvalidStandard = "com.korvi.Encoder.Error.InvalidStandard";
-const std::string kInvalidResolution = "com.korvi.Encoder.Error.InvalidResolution";
-const std::string kInvalidAutoMode = "com.korvi.Encoder.Error.InvalidAutoMode";
+enum Fault {
+    NONE,
+    SLOT_FAILS,
+    TERMINATION_FAILS,
+    CH1_REFUSES,
+    CH2_REFUSES,
+    NO_TABLE,
+    NO_CHANNELS,
+    TP2826
+};
 
-TEST_F(Handlers, ImageControlsCheckTheirRangeAndKeepTheOldValueOnRefusal)
+TEST_F(Handlers, EveryFailureHasItsCodeMessageNameAndLogLevel)
 {
-    struct Case {
-        const char *method;
-        uint32_t Channel::*field;
-        const char *message;
-    } const cases[] = {
-        {"SetSaturation", &Channel::saturation, "Invalid saturation value"},
-        {"SetBrightness", &Channel::brightness, "Invalid brightness value"},
-        {"SetContrast", &Channel::contrast, "Invalid contrast value"},
-        {"SetHue", &Channel::hue, "Invalid hue value"},
-        {"SetSharpness", &Channel::sharpness, "Invalid sharpness value"},
+    const unsigned info = G_LOG_LEVEL_INFO, error = korvi_log_level_bits(KORVI_LOG_LEVEL_ERROR);
+    struct Row {
+        Fault setup;
+        const char *method, *params;
+        int code;
+        const char *name, *message;
+        unsigned level;
+        Calls reached; /* calls of the chip slots, the termination line and the save */
+        // clang-format off
+    } const rows[] = {
+        {NONE, "SetSaturation", "(2, uint32 101)", 20, "InvalidArgument", "Invalid saturation value", info, {}},
+        {NONE, "SetBrightness", "(2, uint32 4294967295)", 20, "InvalidArgument", "Invalid brightness value", info, {}},
+        {NONE, "SetContrast", "(2, uint32 101)", 20, "InvalidArgument", "Invalid contrast value", info, {}},
+        {NONE, "SetHue", "(2, uint32 101)", 20, "InvalidArgument", "Invalid hue value", info, {}},
+        {NONE, "SetSharpness", "(2, uint32 200)", 20, "InvalidArgument", "Invalid sharpness value", info, {}},
+        {NONE, "SetSaturation", "(-1, uint32 5)", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NONE, "SetYOffset", "(4, 5)", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NONE, "SetVideoTermination", "(4, 1)", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NONE, "SetVideoStandard", "(-1, 1, '', '')", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NONE, "GetVideoProperties", "(4,)", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NO_TABLE, "SetHue", "(0, uint32 5)", 10, "System", "System error", error, {}},
+        {NO_TABLE, "ListConfig", "()", 10, "System", "System error", error, {}},
+        {NO_TABLE, "ListSupportedResolutions", "()", 10, "System", "System error", error, {}},
+        {NO_CHANNELS, "ListConfig", "()", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {NO_CHANNELS, "ListSupportedResolutions", "()", 20, "InvalidArgument", "Wrong number of channels", info, {}},
+        {SLOT_FAILS, "SetContrast", "(0, uint32 10)", 10, "System", "Failed to set contrast", error, {"set_contrast(0,10)"}},
+        {SLOT_FAILS, "SetXOffset", "(0, 10)", 10, "System", "Failed to set x offset", error, {"set_xoffset(0,10)"}},
+        {TERMINATION_FAILS, "SetVideoTermination", "(0, 0)", 10, "System", "Failed to set video termination", error,
+         {"gpio_set_video_termination(0,0)"}},
+        {NONE, "SetVideoStandard", "(0, 2, 'tvi', '1080p30')", 32, "InvalidAutoMode", "Not a valid auto mode", info, {}},
+        {NONE, "SetVideoStandard", "(0, -1, 'tvi', '1080p30')", 32, "InvalidAutoMode", "Not a valid auto mode", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'cvbs', '720p25')", 31, "InvalidStandard", "Not a valid video standard", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'tvi', 'ntsc')", 31, "InvalidStandard", "Not a valid video standard", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'CVBS', 'pal')", 31, "InvalidStandard", "Not a valid video standard", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'disabled', 'disabled')", 31, "InvalidStandard", "Not a valid video standard", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'cvbs', '1440p30')", 31, "InvalidStandard", "Not a valid video standard", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'tvi', 'disabled')", 33, "InvalidResolution", "Not a valid video resolution", info, {}},
+        {NONE, "SetVideoStandard", "(0, 0, 'tvi', 'abc')", 33, "InvalidResolution", "Not a valid video resolution", info, {}},
+        {NONE, "SetVideoStandard", "(1, 0, 'ahd', '4k15')", 33, "InvalidResolution", "Not a valid video resolution", info, {}},
+        {TP2826, "SetVideoStandard", "(0, 0, 'tvi', '1080p30')", 33, "InvalidResolution", "Not a valid video resolution", info, {}},
+        {CH1_REFUSES, "SetVideoStandard", "(1, 0, 'ahd', '1080p30')", 10, "System", "Not a valid video standard", info,
+         {"set_video_standard(1,1,2,0,0)", "config_file_save_channel(1) 5,31,1,0"}},
+        {CH2_REFUSES, "SetVideoStandard", "(0, 0, 'cvi', '4k12')", 10, "System", "Failed to change UHD settings", info,
+         {"set_video_standard(0,2,10,0,0)", "config_file_save_channel(0) 2,10,0,0",
+          "set_video_standard(2,4,33,0,0)", "config_file_save_channel(2) 5,31,1,0"}},
     };
-    for (const Case &c : cases) {
-        expect_ok(c.method, g_variant_new("(iu)", 2, 100u));
-        EXPECT_EQ(dec_->channels[2].*c.field, 100u) << c.method;
-        expect_error(c.method, g_variant_new("(iu)", 2, 101u), kInvalidArgument, c.message);
-        /* -1 from a client that thinks in signed numbers. */
-        expect_error(c.method, g_variant_new("(iu)", 2, 0xffffffffu), kInvalidArgument, c.message);
-        EXPECT_EQ(dec_->channels[2].*c.field, 100u) << c.method;
-        EXPECT_EQ(log_count(G_LOG_LEVEL_INFO, c.message), 2u) << c.method;
+    // clang-format on
+    for (const Row &row : rows) {
+        SCOPED_TRACE(std::string(row.method) + row.params);
+        teardown_decoder();
+        setup_decoder(row.setup == TP2826 ? video_tp2826 : video_tp2827);
+        standins.slot_result = row.setup == SLOT_FAILS ? -1 : 0;
+        standins.termination_result = row.setup == TERMINATION_FAILS ? -1 : 0;
+        standins.standard_fails_on = row.setup == CH1_REFUSES   ? 1
+                                     : row.setup == CH2_REFUSES ? 2
+                                                                : -1;
+        Channel *const channels = dec_->channels;
+        if (row.setup == NO_TABLE)
+            dec_->channels = nullptr;
+        if (row.setup == NO_CHANNELS)
+            dec_->nbr_channels = 0;
+        Reply r;
+        call(r, row.method, g_variant_new_parsed(row.params));
+        dec_->channels = channels;
+        dec_->nbr_channels = MAX_SOURCES;
+
+        ASSERT_NE(r.error, nullptr);
+        EXPECT_TRUE(g_error_matches(r.error, encoder_error_quark(), row.code)) << r.error->code;
+        g_autofree gchar *name = g_dbus_error_get_remote_error(r.error);
+        EXPECT_EQ(std::string(name), std::string("com.korvi.Encoder.Error.") + row.name);
+        g_dbus_error_strip_remote_error(r.error);
+        EXPECT_STREQ(r.error->message, row.message);
+        EXPECT_EQ(log_count(row.level, row.message), 1u);
+        EXPECT_EQ(calls_starting({"set_", "gpio_", "config_file_save"}), row.reached);
+        for (int i = 0; i < MAX_SOURCES; i++) {
+            const Channel &c = dec_->channels[i];
+            EXPECT_THAT((std::array{c.saturation, c.brightness, c.contrast, c.hue, c.sharpness,
+                                    uint32_t(c.xoffset), uint32_t(c.yoffset)}),
+                        testing::Each(0u));
+        }
     }
-    /* Only the accepted values reached the chip. */
-    EXPECT_EQ(standins.slot_values.size(), 5u);
 }
 
-TEST_F(Handlers, UnknownChannelsAreRefused)
+TEST_F(Handlers, ValuesAreReducedForTheChipButStoredAndListedAsReceived)
 {
-    for (int ch : {-1, 4}) {
-        expect_error("SetSaturation", g_variant_new("(iu)", ch, 5u), kInvalidArgument,
-                     "Wrong number of channels");
-        expect_error("SetXOffset", g_variant_new("(ii)", ch, 5), kInvalidArgument,
-                     "Wrong number of channels");
-        expect_error("SetVideoTermination", g_variant_new("(ii)", ch, 1), kInvalidArgument,
-                     "Wrong number of channels");
-        expect_error("SetVideoStandard", g_variant_new("(iiss)", ch, 1, "", ""), kInvalidArgument,
-                     "Wrong number of channels");
-        expect_error("GetVideoProperties", g_variant_new("(i)", ch), kInvalidArgument,
-                     "Wrong number of channels");
+    const char *const methods[] = {"SetSaturation", "SetBrightness", "SetContrast", "SetHue",
+                                   "SetSharpness"};
+    for (const char *method : methods) {
+        Reply r;
+        call(r, method, g_variant_new("(iu)", 1, 100u));
+        EXPECT_EQ(r.error, nullptr) << method;
     }
-    EXPECT_THAT(standins.calls, IsEmpty());
-}
-
-TEST_F(Handlers, ValuesAreReducedForTheChipButKeptAsSent)
-{
-    expect_ok("SetXOffset", g_variant_new("(ii)", 1, 200));
-    expect_ok("SetYOffset", g_variant_new("(ii)", 1, -300));
-    expect_ok("SetHue", g_variant_new("(iu)", 1, 100u));
-    EXPECT_THAT(standins.calls,
-                ElementsAre("set_xoffset(1,-56)", "set_yoffset(1,-44)", "set_hue(1,100)"));
-    EXPECT_EQ(dec_->channels[1].xoffset, 200);
-    EXPECT_EQ(dec_->channels[1].yoffset, -300);
-
-    Reply r;
-    call(r, "ListConfig", nullptr);
-    ASSERT_TRUE(r.ok());
-    g_autoptr(GVariant) list = g_variant_get_child_value(r.value, 0);
-    g_autoptr(GVariant) entry = g_variant_get_child_value(list, 1);
+    for (auto [method, value] : {std::pair{"SetXOffset", 200}, {"SetYOffset", -300}}) {
+        Reply r;
+        call(r, method, g_variant_new("(ii)", 1, value));
+        EXPECT_EQ(r.error, nullptr) << method;
+    }
+    Reply term;
+    call(term, "SetVideoTermination", g_variant_new("(ii)", 3, 1));
+    EXPECT_EQ(term.error, nullptr);
+    EXPECT_EQ(standins.calls,
+              (Calls{"set_saturation(1,100)", "set_brightness(1,100)", "set_contrast(1,100)",
+                     "set_hue(1,100)", "set_sharpness(1,100)", "set_xoffset(1,-56)",
+                     "set_yoffset(1,-44)", "gpio_set_video_termination(3,1)"}));
+    g_autoptr(GVariant) list = list_config();
+    guint32 s, b, c, h, sh;
     gint32 x, y;
-    g_variant_get_child(entry, 5, "i", &x);
-    g_variant_get_child(entry, 6, "i", &y);
-    EXPECT_EQ(x, 200);
-    EXPECT_EQ(y, -300);
+    g_variant_get_child(list, 1, "(uuuuuiissbb)", &s, &b, &c, &h, &sh, &x, &y, nullptr, nullptr,
+                        nullptr, nullptr);
+    EXPECT_EQ(std::vector<int64_t>({s, b, c, h, sh, x, y}),
+              std::vector<int64_t>({100, 100, 100, 100, 100, 200, -300}));
 }
 
-TEST_F(Handlers, ChipFailureIsASystemErrorAndChangesNothing)
+TEST_F(Handlers, AcceptedStandardsReachTheChipAsTypedValues)
 {
-    uint32_t before = dec_->channels[0].contrast;
-    standins.slot_result = -1;
-    expect_error("SetContrast", g_variant_new("(iu)", 0, 10u), kSystem, "Failed to set contrast");
-    expect_error("SetXOffset", g_variant_new("(ii)", 0, 10), kSystem, "Failed to set x offset");
-    EXPECT_EQ(dec_->channels[0].contrast, before);
-    EXPECT_EQ(dec_->channels[0].xoffset, 0);
-    EXPECT_EQ(log_count(KORVI_LOG_LEVEL_ERROR, "Failed to set contrast"), 1u);
-}
-
-TEST_F(Handlers, TerminationWritesTheLineOfTheChannel)
-{
-    expect_ok("SetVideoTermination", g_variant_new("(ii)", 3, 1));
-    standins.termination_result = -1;
-    expect_error("SetVideoTermination", g_variant_new("(ii)", 0, 0), kSystem,
-                 "Failed to set video termination");
-    EXPECT_THAT(standins.calls,
-                ElementsAre("gpio_set_video_termination(3,1)", "gpio_set_video_termination(0,0)"));
-}
-
-TEST_F(Handlers, VideoStandardRequestsAreJudgedBeforeAnythingChanges)
-{
-    struct Case {
-        int ch;
-        int auto_mode;
-        const char *standard;
-        const char *resolution;
-        const std::string &name;
-        const char *message;
-    } const refused[] = {
-        {0, 2, "tvi", "1080p30", kInvalidAutoMode, "Not a valid auto mode"},
-        {0, -1, "tvi", "1080p30", kInvalidAutoMode, "Not a valid auto mode"},
-        {0, 0, "cvbs", "720p25", kInvalidStandard, "Not a valid video standard"},
-        {0, 0, "tvi", "ntsc", kInvalidStandard, "Not a valid video standard"},
-        {0, 0, "CVBS", "pal", kInvalidStandard, "Not a valid video standard"},
-        {0, 0, "disabled", "disabled", kInvalidStandard, "Not a valid video standard"},
-        {0, 0, "tvi", "disabled", kInvalidResolution, "Not a valid video resolution"},
-        {0, 0, "tvi", "abc", kInvalidResolution, "Not a valid video resolution"},
-        {1, 0, "ahd", "4k15", kInvalidResolution, "Not a valid video resolution"},
-        {0, 0, "cvbs", "1440p30", kInvalidStandard, "Not a valid video standard"},
-    };
-    for (const Case &c : refused)
-        expect_error("SetVideoStandard",
-                     g_variant_new("(iiss)", c.ch, c.auto_mode, c.standard, c.resolution), c.name,
-                     c.message);
-    EXPECT_THAT(calls_starting("set_video_standard"), IsEmpty());
-    EXPECT_THAT(calls_starting("config_file_save_channel"), IsEmpty());
-
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 3, 0, "ahd", "1440p15"));
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 1, 0, "ahd", "720p25"));
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 2, 1, "abc", ""));
+    expect_ok(3, 0, "ahd", "1440p15");
+    expect_ok(1, 0, "ahd", "720p25");
+    expect_ok(2, 1, "abc", "");
     EXPECT_EQ(log_count(G_LOG_LEVEL_INFO, "on_set_video_standard channel: 2, auto_mode: 1, "
                                           "standard: abc, resolution: "),
               1u);
-    EXPECT_THAT(calls_starting("set_video_standard"),
+    EXPECT_THAT(standard_calls(),
                 ElementsAre("set_video_standard(3,1,24,0,0)", "set_video_standard(1,1,5,0,0)",
                             "set_video_standard(2,5,31,1,0)"));
+    teardown_decoder();
+    setup_decoder(video_tp2826);
+    expect_ok(3, 0, "cvbs", "pal");
+    EXPECT_THAT(standard_calls(), ElementsAre("set_video_standard(3,3,8,0,0)"));
 }
 
-TEST_F(Handlers, FixedRequestMakesTheCapturePipelineFollow)
+TEST_F(Handlers, UhdOnChannelZeroDisablesChannelTwoUntilEitherLeavesIt)
+{
+    expect_ok(0, 0, "cvi", "4k12");
+    EXPECT_THAT(
+        calls_starting({"set_video_standard", "config_file_save"}),
+        ElementsAre("set_video_standard(0,2,10,0,0)", "config_file_save_channel(0) 2,10,0,0",
+                    "set_video_standard(2,4,33,0,0)", "config_file_save_channel(2) 4,33,0,1"));
+    standard_calls();
+    expect_ok(0, 0, "cvi", "1080p25");
+    EXPECT_THAT(standard_calls(),
+                ElementsAre("set_video_standard(0,2,3,0,0)", "set_video_standard(2,5,31,1,0)"));
+    expect_ok(0, 0, "tvi", "4k15");
+    standard_calls();
+    expect_ok(0, 1, "", "");
+    EXPECT_THAT(standard_calls(),
+                ElementsAre("set_video_standard(0,5,31,1,0)", "set_video_standard(2,5,31,1,0)"));
+    expect_ok(0, 0, "ahd", "4k15");
+    standard_calls();
+    expect_ok(2, 1, "", "");
+    EXPECT_THAT(standard_calls(),
+                ElementsAre("set_video_standard(2,5,31,1,0)", "set_video_standard(0,5,31,1,0)"));
+    /* Channel 0 in UHD by itself, channel 2 never disabled: left alone. */
+    lock_channel(0, VS_TVI, VT_4K15);
+    expect_ok(2, 0, "cvbs", "ntsc");
+    EXPECT_THAT(standard_calls(), ElementsAre("set_video_standard(2,3,9,0,0)"));
+    /* Channel 2 disabled, channel 0 no longer UHD: left alone too. */
+    expect_ok(0, 0, "cvi", "4k12");
+    lock_channel(0, VS_TVI, VT_1080P30);
+    standard_calls();
+    expect_ok(2, 1, "", "");
+    EXPECT_THAT(standard_calls(), ElementsAre("set_video_standard(2,5,31,1,0)"));
+}
+
+TEST_F(Handlers, FixedRequestMakesTheCapturePipelineFollowAndARepeatPublishesNothing)
 {
     /* The pipeline is in PAL mode; 1080p25 needs mode 3. */
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 1, 0, "tvi", "1080p25"));
+    expect_ok(1, 0, "tvi", "1080p25");
     EXPECT_THAT(standins.calls,
-                ElementsAre("set_video_standard(1,0,3,0,0)", "set_capture_mode(3,1)",
-                            "overlay_set_config_changed(1)", "get_capture_mode_index(1)",
-                            "update_video_input_type(1)", "set_capture_frequency(1)",
-                            "config_file_save_channel(1)"));
+                ElementsAre("set_video_standard(1,0,3,0,0)", "capture_mode_set(3,1)",
+                            "overlay_set_config_changed(1)", "capture_mode_get(1)",
+                            "update_video_input_type(1)", "capture_frequency_set(1)",
+                            "config_file_save_channel(1) 0,3,0,0"));
     EXPECT_EQ(dec_->channels[1].capture_mode, 3);
     EXPECT_EQ(dec_->channels[1].capture_mode_changed, 1);
-    g_autoptr(GVariant) video_type =
-        property("/com/korvi/Encoder/1", "com.korvi.Encoder.Video", "VideoType");
+    Reply r;
+    call(r, "Get", g_variant_new("(ss)", "com.korvi.Encoder.Video", "VideoType"),
+         "/com/korvi/Encoder/1", "org.freedesktop.DBus.Properties");
+    ASSERT_EQ(r.error, nullptr);
+    g_autoptr(GVariant) video_type = nullptr;
+    g_variant_get(r.value, "(v)", &video_type);
     EXPECT_EQ(g_variant_get_int32(video_type), CS_HDTV1080P);
 
-    /* The same request again changes nothing but still saves. */
     standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 1, 0, "tvi", "1080p25"));
-    EXPECT_THAT(standins.calls,
-                ElementsAre("set_video_standard(1,0,3,0,0)", "config_file_save_channel(1)"));
-}
+    expect_ok(1, 0, "tvi", "1080p25");
+    EXPECT_THAT(standins.calls, ElementsAre("set_video_standard(1,0,3,0,0)",
+                                            "config_file_save_channel(1) 0,3,0,0"));
 
-TEST_F(Handlers, RefusedCaptureModeLeavesTheChannelUnmarked)
-{
+    /* A refused capture mode leaves the channel unmarked. */
     standins.set_capture_mode_result = -5;
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "cvbs", "ntsc"));
-    EXPECT_THAT(calls_starting("overlay_set_config_changed"), IsEmpty());
+    expect_ok(0, 0, "cvbs", "ntsc");
+    EXPECT_THAT(calls_starting({"capture_mode_set", "overlay"}),
+                ElementsAre("capture_mode_set(2,0)"));
     EXPECT_EQ(dec_->channels[0].capture_mode, 1);
     EXPECT_EQ(dec_->channels[0].capture_mode_changed, 0);
 }
 
-TEST_F(Handlers, DecoderRefusalStillSaves)
-{
-    standins.standard_fails_on = 1;
-    expect_error("SetVideoStandard", g_variant_new("(iiss)", 1, 0, "ahd", "1080p30"), kSystem,
-                 "Not a valid video standard");
-    /* A refused format is the client's doing: logged at info level. */
-    EXPECT_EQ(log_count(G_LOG_LEVEL_INFO, "Not a valid video standard"), 1u);
-    EXPECT_EQ(calls_starting("config_file_save_channel").size(), 1u);
-}
-
-TEST_F(Handlers, UhdOnChannelZeroSwitchesChannelTwo)
-{
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "cvi", "4k12"));
-    EXPECT_THAT(calls_starting("set_video_standard"),
-                ElementsAre("set_video_standard(0,2,10,0,0)", "set_video_standard(2,4,33,0,0)"));
-    EXPECT_EQ(dec_->channels[2].video_type, VT_DISABLED);
-    EXPECT_EQ(dec_->channels[2].configured, 1);
-
-    /* Leaving UHD brings channel 2 back to automatic detection. */
-    standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "cvi", "1080p25"));
-    EXPECT_THAT(calls_starting("set_video_standard"),
-                ElementsAre("set_video_standard(0,2,3,0,0)", "set_video_standard(2,5,31,1,0)"));
-
-    /* Back to 4K, then automatic mode on channel 0 frees channel 2 too. */
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "tvi", "4k15"));
-    standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 1, "", ""));
-    EXPECT_THAT(calls_starting("set_video_standard"),
-                ElementsAre("set_video_standard(0,5,31,1,0)", "set_video_standard(2,5,31,1,0)"));
-}
-
-TEST_F(Handlers, NewRequestOnDisabledChannelTwoFreesChannelZero)
-{
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "ahd", "4k15"));
-    standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 2, 1, "", ""));
-    EXPECT_THAT(calls_starting("set_video_standard"),
-                ElementsAre("set_video_standard(2,5,31,1,0)", "set_video_standard(0,5,31,1,0)"));
-
-    /* A channel 0 that locked on 4K by itself, with channel 2 never
-     * disabled, is not touched by requests for channel 2. */
-    lock_channel(0, VS_TVI, VT_4K15);
-    standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 2, 0, "cvbs", "ntsc"));
-    EXPECT_THAT(calls_starting("set_video_standard"), ElementsAre("set_video_standard(2,3,9,0,0)"));
-    lock_channel(0, VS_TVI, VT_1080P30);
-
-    /* A channel 0 that is not UHD stays as it is. */
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 2, 0, "cvbs", "pal"));
-    standins.calls.clear();
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 2, 1, "", ""));
-    EXPECT_THAT(calls_starting("set_video_standard"),
-                ElementsAre("set_video_standard(2,5,31,1,0)"));
-}
-
-TEST_F(Handlers, FailedCoupledChangeIsReported)
-{
-    standins.standard_fails_on = 2;
-    expect_error("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "cvi", "4k12"), kSystem,
-                 "Failed to change UHD settings");
-    /* The requested channel has changed all the same. */
-    EXPECT_EQ(dec_->channels[0].video_type, VT_4K12);
-}
-
-TEST_F(Handlers, ConfigurationListingShowsWhatTheChipWasSetUpFor)
+TEST_F(Handlers, ListingsShowWhatTheChipWasSetUpFor)
 {
     lock_channel(0, VS_CVBS, VT_NTSC);
-    /* Channel 1: fixed but not locked. */
+    lock_channel(1, VS_TVI, VT_720P30, LS_CONFIRM);
     dec_->channels[1].auto_mode = 0;
-    dec_->channels[1].standard = VS_TVI;
-    dec_->channels[2].standard = VS_DISABLED;
-    dec_->channels[2].chip_state->resolution = VT_DISABLED;
-    dec_->channels[2].chip_state->lock_state = LS_LOCKED;
+    lock_channel(2, VS_DISABLED, VT_DISABLED);
     lock_channel(3, VS_AHD, 14); /* a valid type without a text */
     dec_->channels[3].capture_mode_changed = 1;
-
-    Reply r;
-    call(r, "ListConfig", nullptr);
-    ASSERT_TRUE(r.ok());
-    g_autoptr(GVariant) list = g_variant_get_child_value(r.value, 0);
-    ASSERT_EQ(g_variant_n_children(list), 4u);
-    struct Want {
-        const char *standard;
-        const char *resolution;
-        gboolean auto_mode;
-        gboolean changed;
-    } const want[] = {
-        {"cvbs", "ntsc", TRUE, FALSE},
-        {"none", "none", FALSE, FALSE},
-        {"disabled", "disabled", TRUE, FALSE},
-        {"ahd", "none", TRUE, TRUE},
-    };
-    for (int i = 0; i < 4; i++) {
-        guint32 sat, bri, con, hue, sha;
-        gint32 x, y;
-        const gchar *standard, *resolution;
-        gboolean auto_mode, changed;
-        g_autoptr(GVariant) entry = g_variant_get_child_value(list, i);
-        g_variant_get(entry, "(uuuuuii&s&sbb)", &sat, &bri, &con, &hue, &sha, &x, &y, &standard,
-                      &resolution, &auto_mode, &changed);
-        EXPECT_STREQ(standard, want[i].standard) << "channel " << i;
-        EXPECT_STREQ(resolution, want[i].resolution) << "channel " << i;
-        EXPECT_EQ(auto_mode, want[i].auto_mode) << "channel " << i;
-        EXPECT_EQ(changed, want[i].changed) << "channel " << i;
+    const char *const want[][2] = {
+        {"cvbs", "ntsc"}, {"none", "none"}, {"disabled", "disabled"}, {"ahd", "none"}};
+    for (int pass = 0; pass < 2; pass++) {
+        g_autoptr(GVariant) list = list_config();
+        ASSERT_EQ(g_variant_n_children(list), 4u);
+        for (int i = 0; i < 4; i++) {
+            const gchar *standard, *resolution;
+            gboolean auto_mode, changed;
+            g_variant_get_child(list, i, "(uuuuuii&s&sbb)", nullptr, nullptr, nullptr, nullptr,
+                                nullptr, nullptr, nullptr, &standard, &resolution, &auto_mode,
+                                &changed);
+            const bool marker = pass == 1 && i == 3;
+            EXPECT_STREQ(standard, marker ? "none" : want[i][0]) << i;
+            EXPECT_STREQ(resolution, want[i][1]) << i;
+            EXPECT_EQ(auto_mode, i != 1) << i;
+            EXPECT_EQ(changed, i == 3) << i;
+        }
+        lock_channel(3, VS_AHD, VT_AUTO); /* locked on a marker type */
     }
 
-    /* Locked on a marker type: no standard either. */
-    lock_channel(3, VS_AHD, VT_AUTO);
-    Reply again;
-    call(again, "ListConfig", nullptr);
-    g_autoptr(GVariant) list2 = g_variant_get_child_value(again.value, 0);
-    g_autoptr(GVariant) entry3 = g_variant_get_child_value(list2, 3);
-    const gchar *standard, *resolution;
-    g_variant_get_child(entry3, 7, "&s", &standard);
-    g_variant_get_child(entry3, 8, "&s", &resolution);
-    EXPECT_STREQ(standard, "none");
-    EXPECT_STREQ(resolution, "none");
-}
-
-TEST_F(Handlers, VideoPropertiesFollowTheChannelType)
-{
-    struct Case {
+    struct {
         int32_t type;
         gboolean is_sd;
         gint32 capture_standard;
-        double sd_factor;
-        double frame_rate;
-    } const cases[] = {
-        {VT_NTSC, TRUE, 1, 2.75, 30.0},
-        {VT_4K12, FALSE, 7, 1.0, 12.5},
-        {VT_AUTO, FALSE, -1, 1.0, 20.0},
-    };
-    dec_->channels[1].capture_mode_changed = 1;
-    for (const Case &c : cases) {
-        dec_->channels[1].video_type = c.type;
+        double sd_factor, frame_rate;
+    } const properties[] = {{VT_NTSC, TRUE, 1, 2.75, 30.0},
+                            {VT_4K12, FALSE, 7, 1.0, 12.5},
+                            {VT_AUTO, FALSE, -1, 1.0, 20.0}};
+    for (const auto &p : properties) {
+        dec_->channels[3].video_type = p.type;
         Reply r;
-        call(r, "GetVideoProperties", g_variant_new("(i)", 1));
-        ASSERT_TRUE(r.ok());
+        call(r, "GetVideoProperties", g_variant_new("(i)", 3));
+        ASSERT_EQ(r.error, nullptr);
         gboolean is_sd, changed;
         gint32 cs;
         double sd, fr;
         g_variant_get(r.value, "(biddb)", &is_sd, &cs, &sd, &fr, &changed);
-        EXPECT_EQ(is_sd, c.is_sd) << c.type;
-        EXPECT_EQ(cs, c.capture_standard) << c.type;
-        EXPECT_DOUBLE_EQ(sd, c.sd_factor) << c.type;
-        EXPECT_DOUBLE_EQ(fr, c.frame_rate) << c.type;
-        EXPECT_TRUE(changed);
+        EXPECT_EQ(std::tuple(is_sd, cs, sd, fr, changed),
+                  std::tuple(p.is_sd, p.capture_standard, p.sd_factor, p.frame_rate, TRUE))
+            << p.type;
     }
-}
 
-std::vector<std::string> resolutions(GVariant *reply)
-{
-    std::vector<std::string> texts;
-    g_autoptr(GVariant) list = g_variant_get_child_value(reply, 0);
-    for (gsize i = 0; i < g_variant_n_children(list); i++) {
-        const gchar *text;
-        g_variant_get_child(list, i, "(&s)", &text);
-        texts.emplace_back(text);
+    for (int32_t chip : {video_tp2827, video_tp2826}) {
+        teardown_decoder();
+        setup_decoder(chip);
+        Reply r;
+        call(r, "ListSupportedResolutions", nullptr);
+        ASSERT_EQ(r.error, nullptr);
+        g_autofree gchar *text = g_variant_print(r.value, FALSE);
+        EXPECT_STREQ(text, chip == video_tp2827
+                               ? "([('pal',), ('ntsc',), ('720p25',), ('720p30',), ('1080p25',), "
+                                 "('1080p30',), ('1440p25',), ('1440p30',), ('4k12',), ('4k15',)],)"
+                               : "([('pal',), ('ntsc',)],)");
     }
-    return texts;
-}
-
-TEST_F(Handlers, ResolutionListsDependOnTheChip)
-{
-    Reply r;
-    call(r, "ListSupportedResolutions", nullptr);
-    ASSERT_TRUE(r.ok());
-    EXPECT_THAT(resolutions(r.value), ElementsAre("pal", "ntsc", "720p25", "720p30", "1080p25",
-                                                  "1080p30", "1440p25", "1440p30", "4k12", "4k15"));
-
-    teardown_decoder();
-    standins_reset();
-    standins.dec_chip = video_tp2826;
-    setup_decoder();
-    Reply r2;
-    call(r2, "ListSupportedResolutions", nullptr);
-    ASSERT_TRUE(r2.ok());
-    EXPECT_THAT(resolutions(r2.value), ElementsAre("pal", "ntsc"));
-
-    /* The TP2826 takes SD over CVBS only. */
-    expect_ok("SetVideoStandard", g_variant_new("(iiss)", 3, 0, "cvbs", "pal"));
-    expect_error("SetVideoStandard", g_variant_new("(iiss)", 0, 0, "tvi", "1080p30"),
-                 kInvalidResolution, "Not a valid video resolution");
-}
-
-TEST_F(Handlers, VideoObjectsShowEachChannel)
-{
-    Reply r;
-    call(r, kPath, "org.freedesktop.DBus.ObjectManager", "GetManagedObjects", nullptr);
-    ASSERT_TRUE(r.ok());
-    g_autoptr(GVariant) objects = g_variant_get_child_value(r.value, 0);
-    std::vector<std::string> paths;
-    for (gsize i = 0; i < g_variant_n_children(objects); i++) {
-        const gchar *path;
-        g_variant_get_child(objects, i, "{&o@a{sa{sv}}}", &path, nullptr);
-        paths.emplace_back(path);
-    }
-    std::sort(paths.begin(), paths.end());
-    EXPECT_THAT(paths, ElementsAre("/com/korvi/Encoder/0", "/com/korvi/Encoder/1",
-                                   "/com/korvi/Encoder/2", "/com/korvi/Encoder/3"));
-
-    g_autoptr(GVariant) detected =
-        property("/com/korvi/Encoder/0", "com.korvi.Encoder.Video", "DetectedType");
-    EXPECT_STREQ(g_variant_get_string(detected, nullptr), "none");
-
-    /* Detected types and the capture pipeline's mode as published. */
-    Channel *c = &dec_->channels[2];
-    c->detected_type = VT_1440P15;
-    video_object_set_detected_type(c);
-    g_autoptr(GVariant) qhd =
-        property("/com/korvi/Encoder/2", "com.korvi.Encoder.Video", "DetectedType");
-    EXPECT_STREQ(g_variant_get_string(qhd, nullptr), "HDTVQHD");
-    standins.capture_mode[2] = 5;
-    video_object_set_video_type(c);
-    g_autoptr(GVariant) video_type =
-        property("/com/korvi/Encoder/2", "com.korvi.Encoder.Video", "VideoType");
-    EXPECT_EQ(g_variant_get_int32(video_type), CS_HDTV4K);
-    standins.capture_mode[2] = -22; /* the service did not answer */
-    video_object_set_video_type(c);
-    g_autoptr(GVariant) fallback =
-        property("/com/korvi/Encoder/2", "com.korvi.Encoder.Video", "VideoType");
-    EXPECT_EQ(g_variant_get_int32(fallback), CS_PAL);
-
-    g_autoptr(GVariant) multi = property(kPath, kIface, "MultiDeviceProperties");
-    EXPECT_TRUE(g_variant_get_boolean(multi));
-
-    /* A second unexport finds nothing to do. */
-    unexport_video_objects(dec_, manager_);
-    unexport_video_objects(dec_, manager_);
-    for (int i = 0; i < 4; i++)
-        EXPECT_EQ(dec_->channels[i].video_object, nullptr);
 }
 
 } // namespace
-
-int main(int argc, char **argv)
-{
-    ::testing::InitGoogleTest(&argc, argv);
-    ::testing::AddGlobalTestEnvironment(new PrivateBus);
-    return RUN_ALL_TESTS();
-}
