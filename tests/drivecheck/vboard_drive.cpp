@@ -7,13 +7,12 @@
  *                             manager does) or SECONDS (default 10) ran out:
  *                             "ch 0 locked tvi 1080p25" / "ch 0 no lock"
  *   program CH STD RES [CH STD RES]...
- *                             fixed formats, then up to 3 s for the chip's
+ *                             fixed formats, then up to 2 s for the chip's
  *                             full lock on each channel: "ch 0 cvi 4k12 locked
  *                             line-length 4880 video 1" (video: video_status)
  * Exit status 1 when a format is refused or no chip answers, 2 on bad usage. */
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,7 +30,7 @@ namespace
  * confirmation steps: 50 ms apart leave it ample time without the daemon's
  * 2 s pass interval. */
 constexpr gulong PASS_INTERVAL_US = 50000;
-constexpr gint64 PROGRAM_WAIT_US = 3 * G_USEC_PER_SEC;
+constexpr gint64 PROGRAM_WAIT_US = 2 * G_USEC_PER_SEC;
 
 void close_decoder(Decoder *dec)
 {
