@@ -1,337 +1,245 @@
-/* The services as the daemon meets them when nothing is wrong: what each call
- * answers and what the board records. */
-#include "services_fixture.h"
+/* The board's services on a private bus, called as the daemon and its
+ * platform layers call them: what each answers and records, and their absent,
+ * failing and late faults. */
+#include "board_services.h"
 
-#include <glib/gstdio.h>
+#include <gio/gio.h>
+#include <gtest/gtest.h>
 
-namespace vboard::test
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace vboard
 {
 namespace
 {
 
-class BoardServicesTest : public ServicesTest
+const std::string OVERLAY = "com.korvi.PrioritizedTextOverlay";
+const std::string IMAGE = "com.korvi.ImageControl";
+const std::string STREAM = "com.korvi.ImageControlStream";
+const std::string VIDEO = "com.korvi.VideoSystem1";
+const std::string EVENT = "com.korvi.Event1";
+const std::string PROPS = "org.freedesktop.DBus.Properties.";
+const std::string FAILED = "org.freedesktop.DBus.Error.Failed";
+const std::string INVALID = "org.freedesktop.DBus.Error.InvalidArgs";
+const std::string UNKNOWN = "org.freedesktop.DBus.Error.ServiceUnknown";
+
+std::string image(int ch)
 {
-};
-
-TEST_F(BoardServicesTest, OverlayRecordsTextsPerObjectAndUnsetRemovesThem)
-{
-    start();
-    auto set = [&](int object, const char *text, guint32 priority) {
-        return call(OVERLAY_BUS, overlay_path(object), OVERLAY_BUS, "Set",
-                    g_variant_new("(su)", text, priority));
-    };
-    auto unset = [&](int object, const char *text) {
-        return call(OVERLAY_BUS, overlay_path(object), OVERLAY_BUS, "Unset",
-                    g_variant_new("(s)", text));
-    };
-
-    ASSERT_TRUE(set(2, "VIDEO_LOSS", 0).ok());
-    /* Object 2 is channel index 1; the others stay empty. */
-    EXPECT_EQ(services_->overlay(1).texts, (std::vector<OverlayText>{{"VIDEO_LOSS", 0}}));
-    for (int i : {0, 2, 3})
-        EXPECT_TRUE(services_->overlay(i).texts.empty()) << "channel index " << i;
-
-    ASSERT_TRUE(set(2, "VIDEO_INPUT_CONFIGURATION_CHANGED", 0).ok());
-    /* Setting a shown text again changes its priority, not the list. */
-    ASSERT_TRUE(set(2, "VIDEO_LOSS", 7).ok());
-    EXPECT_EQ(
-        services_->overlay(1).texts,
-        (std::vector<OverlayText>{{"VIDEO_LOSS", 7}, {"VIDEO_INPUT_CONFIGURATION_CHANGED", 0}}));
-
-    ASSERT_TRUE(unset(2, "VIDEO_LOSS").ok());
-    /* Unsetting a text that is not shown is answered and changes nothing. */
-    ASSERT_TRUE(unset(2, "NOT_SHOWN").ok());
-    ASSERT_TRUE(set(4, "VIDEO_LOSS", 0).ok());
-
-    OverlayChannel ch1 = services_->overlay(1);
-    EXPECT_EQ(ch1.texts, (std::vector<OverlayText>{{"VIDEO_INPUT_CONFIGURATION_CHANGED", 0}}));
-    EXPECT_EQ(ch1.set_calls, 3u);
-    EXPECT_EQ(ch1.unset_calls, 2u);
-    EXPECT_EQ(services_->overlay(3).texts, (std::vector<OverlayText>{{"VIDEO_LOSS", 0}}));
-
-    /* Set without its priority is not the interface's signature. */
-    CallResult bad =
-        call(OVERLAY_BUS, overlay_path(1), OVERLAY_BUS, "Set", g_variant_new("(s)", "VIDEO_LOSS"));
-    EXPECT_EQ(bad.error_name, ERROR_INVALID_ARGS);
-    EXPECT_TRUE(services_->overlay(0).texts.empty());
-    /* There is no object 0 and no object 5. */
-    for (int object : {0, 5})
-        EXPECT_FALSE(set(object, "VIDEO_LOSS", 0).ok()) << "object " << object;
+    return "/com/korvi/ImageControl/" + std::to_string(ch) + "/0";
 }
 
-TEST_F(BoardServicesTest, SetCaptureModeIsZeroBasedAndShowsInTheImageControlProperty)
+class Services : public testing::Test
+{
+  protected:
+    static void SetUpTestSuite() { g_test_dbus_up(bus = g_test_dbus_new(G_TEST_DBUS_NONE)); }
+    static void TearDownTestSuite()
+    {
+        g_test_dbus_down(bus);
+        g_clear_object(&bus);
+    }
+    void TearDown() override
+    {
+        stop();
+        g_main_loop_unref(loop);
+        g_main_context_unref(context);
+        g_dbus_connection_close_sync(conn, nullptr, nullptr);
+        g_object_unref(conn);
+    }
+    /* The services and the caller share a connection; calls still go through the bus. */
+    void start(ServicesOptions options = {})
+    {
+        ASSERT_NE(conn, nullptr);
+        options.context = context;
+        services = std::make_unique<BoardServices>(conn, options);
+        loop_thread = std::thread([this] { g_main_loop_run(loop); });
+        ASSERT_TRUE(services->wait_ready(10000));
+    }
+    /* In the board's order: the loop stops first, then the services go. */
+    void stop()
+    {
+        if (loop_thread.joinable()) {
+            g_main_loop_quit(loop);
+            loop_thread.join();
+        }
+        services.reset();
+    }
+
+    /* A call as busctl makes it, the arguments in GVariant text; the answer
+     * printed, or the D-Bus name of the error. */
+    std::string call(const std::string &dest, const std::string &path, const std::string &method,
+                     const std::string &args)
+    {
+        const size_t dot = method.rfind('.');
+        g_autoptr(GError) error = nullptr;
+        g_autoptr(GVariant) body = g_dbus_connection_call_sync(
+            conn, dest.c_str(), path.c_str(), method.substr(0, dot).c_str(),
+            method.c_str() + dot + 1, g_variant_new_parsed(args.c_str()), nullptr,
+            G_DBUS_CALL_FLAGS_NONE, 10000, nullptr, &error);
+        if (error != nullptr) {
+            g_autofree gchar *name = g_dbus_error_get_remote_error(error);
+            return name ? name : error->message;
+        }
+        g_autofree gchar *text = g_variant_print(body, FALSE);
+        return text;
+    }
+    std::string set_text(int object, const std::string &args)
+    {
+        return call(OVERLAY, "/com/korvi/PrioritizedTextOverlay/" + std::to_string(object),
+                    OVERLAY + ".Set", args);
+    }
+    std::string set_mode(int ch, int mode)
+    {
+        return call("com.korvi.CaptureMode1", "/com/korvi/CaptureMode1/" + std::to_string(ch),
+                    "com.korvi.CaptureMode1.Channel.SetCaptureMode",
+                    "(" + std::to_string(mode) + ",)");
+    }
+    std::string mode(int ch)
+    {
+        return call(IMAGE, image(ch), PROPS + "Get", "('" + IMAGE + "', 'CaptureMode')");
+    }
+    std::string set_frequency(int ch, const std::string &hz)
+    {
+        return call(IMAGE, image(ch), PROPS + "Set",
+                    "('" + STREAM + "', 'CaptureFrequency', <'" + hz + "'>)");
+    }
+    std::string event(const std::string &method, const std::string &args)
+    {
+        return call(EVENT, "/com/korvi/Event1", EVENT + "." + method, args);
+    }
+    /* One call of each service, methods and properties mixed; "ok" when answered. */
+    std::string probe(Service s)
+    {
+        const std::string r = s == Service::Overlay        ? set_text(1, "('VIDEO_LOSS', uint32 0)")
+                              : s == Service::ImageControl ? set_frequency(0, "50Hz")
+                              : s == Service::CaptureMode  ? set_mode(0, 0)
+                              : s == Service::Event
+                                  ? event("Declare", "('vidhostd', {'channel': <uint32 1>})")
+                                  : call(VIDEO, "/com/korvi/VideoSystem1", PROPS + "Get",
+                                         "('" + VIDEO + "', 'Started')");
+        return r.starts_with("(") ? "ok" : r;
+    }
+
+    static inline GTestDBus *bus = nullptr;
+    GDBusConnection *conn = g_dbus_connection_new_for_address_sync(
+        g_test_dbus_get_bus_address(bus),
+        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, nullptr);
+    GMainContext *context = g_main_context_new();
+    GMainLoop *loop = g_main_loop_new(context, FALSE);
+    std::thread loop_thread;
+    std::unique_ptr<BoardServices> services;
+};
+
+TEST_F(Services, OverlayKeepsTheTextsOfEachObject)
+{
+    start();
+    for (const char *args :
+         {"('VIDEO_LOSS', uint32 0)", "('VIDEO_INPUT_CONFIGURATION_CHANGED', uint32 0)",
+          "('VIDEO_LOSS', uint32 7)"})
+        EXPECT_EQ(set_text(2, args), "()");
+    EXPECT_EQ(call(OVERLAY, "/com/korvi/PrioritizedTextOverlay/2", OVERLAY + ".Unset",
+                   "('VIDEO_INPUT_CONFIGURATION_CHANGED',)"),
+              "()");
+    EXPECT_EQ(set_text(4, "('VIDEO_LOSS', uint32 0)"), "()");
+    EXPECT_EQ(set_text(3, R"(('a "b" \\c\n', uint32 1))"), "()");
+    const std::string json = services->snapshot().to_json();
+    EXPECT_NE(json.find(R"("texts":[{"text":"a \"b\" \\c\n","priority":1}])"), std::string::npos)
+        << json;
+    std::vector<std::vector<OverlayText>> texts;
+    for (int ch = 0; ch < 4; ch++)
+        texts.push_back(services->overlay(ch).texts);
+    EXPECT_EQ(texts, (std::vector<std::vector<OverlayText>>{
+                         {}, {{"VIDEO_LOSS", 7}}, {{"a \"b\" \\c\n", 1}}, {{"VIDEO_LOSS", 0}}}));
+}
+
+TEST_F(Services, CaptureModeIsSetZeroBasedAndReadOneBasedBesideItsFrequency)
 {
     ServicesOptions options;
     options.capture_modes = {3, 1, 6, 2};
-    start(options);
-
-    /* The starting modes, as the daemon reads them at start-up. */
-    EXPECT_EQ(capture_mode_property(0), 3);
-    EXPECT_EQ(capture_mode_property(1), 1);
-    EXPECT_EQ(capture_mode_property(2), 6);
-    EXPECT_EQ(capture_mode_property(3), 2);
-
-    ASSERT_TRUE(call(CAPTURE_BUS, capture_path(2), "com.korvi.CaptureMode1.Channel",
-                     "SetCaptureMode", g_variant_new("(i)", 2))
-                    .ok());
-    EXPECT_EQ(capture_mode_property(2), 3);
-    EXPECT_EQ(services_->capture(2).capture_mode, 3);
-    EXPECT_EQ(services_->capture(2).set_capture_mode_calls, 1u);
-    EXPECT_EQ(capture_mode_property(0), 3);
-    EXPECT_EQ(capture_mode_property(3), 2);
-
-    /* The extremes of the 0-based range. */
-    ASSERT_TRUE(call(CAPTURE_BUS, capture_path(0), "com.korvi.CaptureMode1.Channel",
-                     "SetCaptureMode", g_variant_new("(i)", 0))
-                    .ok());
-    EXPECT_EQ(capture_mode_property(0), 1);
-    ASSERT_TRUE(call(CAPTURE_BUS, capture_path(1), "com.korvi.CaptureMode1.Channel",
-                     "SetCaptureMode", g_variant_new("(i)", 5))
-                    .ok());
-    EXPECT_EQ(capture_mode_property(1), 6);
-
-    /* Out of range (a 1-based 6, a negative code) is refused and changes nothing. */
-    for (int mode : {6, -1}) {
-        CallResult r = call(CAPTURE_BUS, capture_path(3), "com.korvi.CaptureMode1.Channel",
-                            "SetCaptureMode", g_variant_new("(i)", mode));
-        EXPECT_EQ(r.error_name, ERROR_INVALID_ARGS) << "mode " << mode;
-    }
-    EXPECT_EQ(capture_mode_property(3), 2);
-    EXPECT_EQ(services_->capture(3).set_capture_mode_calls, 0u);
-
-    /* CaptureMode is read-only. */
-    EXPECT_FALSE(set_property(IMAGE_BUS, image_path(0), "com.korvi.ImageControl", "CaptureMode",
-                              g_variant_new_int32(4))
-                     .ok());
-    EXPECT_EQ(capture_mode_property(0), 1);
-}
-
-TEST_F(BoardServicesTest, CaptureModeChangeIsAnnouncedOnTheImageControlObject)
-{
-    start();
-    struct Seen {
-        std::string path;
-        int32_t mode = 0;
-    } seen;
-    guint sub = g_dbus_connection_signal_subscribe(
-        client_, nullptr, "org.freedesktop.DBus.Properties", "PropertiesChanged", nullptr,
-        "com.korvi.ImageControl", G_DBUS_SIGNAL_FLAGS_NONE,
-        [](GDBusConnection *, const gchar *, const gchar *path, const gchar *, const gchar *,
-           GVariant *params, gpointer data) {
-            auto *s = static_cast<Seen *>(data);
-            g_autoptr(GVariant) changed = g_variant_get_child_value(params, 1);
-            gint32 mode = 0;
-            if (g_variant_lookup(changed, "CaptureMode", "i", &mode)) {
-                s->path = path;
-                s->mode = mode;
-            }
-        },
-        &seen, nullptr);
-
-    ASSERT_TRUE(call(CAPTURE_BUS, capture_path(1), "com.korvi.CaptureMode1.Channel",
-                     "SetCaptureMode", g_variant_new("(i)", 4))
-                    .ok());
-    EXPECT_TRUE(iterate_until([&] { return seen.mode != 0; }));
-    EXPECT_EQ(seen.path, image_path(1));
-    EXPECT_EQ(seen.mode, 5);
-    g_dbus_connection_signal_unsubscribe(client_, sub);
-}
-
-TEST_F(BoardServicesTest, CaptureFrequencyIsWritableAndOnlyTakesFiftyOrSixtyHertz)
-{
-    ServicesOptions options;
     options.capture_frequencies = {"50Hz", "60Hz", "50Hz", "50Hz"};
     start(options);
-    auto frequency = [&](int index) {
-        auto v = property_value(get_property(IMAGE_BUS, image_path(index),
-                                             "com.korvi.ImageControlStream", "CaptureFrequency"));
-        return v ? std::string(g_variant_get_string(v.get(), nullptr)) : std::string("<error>");
-    };
-    EXPECT_EQ(frequency(0), "50Hz");
-    EXPECT_EQ(frequency(1), "60Hz");
+    EXPECT_EQ(mode(2), "(<6>,)");
+    EXPECT_EQ(set_mode(2, 2) + set_mode(1, 0) + set_mode(0, 5), "()()()");
+    for (int m : {6, -1})
+        EXPECT_EQ(set_mode(3, m), INVALID) << m;
+    EXPECT_EQ(mode(0) + mode(1) + mode(2) + mode(3), "(<6>,)(<1>,)(<3>,)(<2>,)");
 
-    ASSERT_TRUE(set_property(IMAGE_BUS, image_path(0), "com.korvi.ImageControlStream",
-                             "CaptureFrequency", g_variant_new_string("60Hz"))
-                    .ok());
-    EXPECT_EQ(frequency(0), "60Hz");
-    EXPECT_EQ(services_->capture(0).capture_frequency, "60Hz");
-    EXPECT_EQ(services_->capture(0).frequency_sets, 1u);
-    EXPECT_EQ(frequency(2), "50Hz");
-
-    EXPECT_EQ(set_property(IMAGE_BUS, image_path(0), "com.korvi.ImageControlStream",
-                           "CaptureFrequency", g_variant_new_string("50 Hz"))
-                  .error_name,
-              ERROR_INVALID_ARGS);
-    EXPECT_FALSE(set_property(IMAGE_BUS, image_path(0), "com.korvi.ImageControlStream",
-                              "CaptureFrequency", g_variant_new_int32(50))
-                     .ok());
-    EXPECT_EQ(frequency(0), "60Hz");
-    EXPECT_EQ(services_->capture(0).frequency_sets, 1u);
-
-    /* The frequency lives on the stream interface, not on the image control one. */
-    EXPECT_FALSE(
-        get_property(IMAGE_BUS, image_path(0), "com.korvi.ImageControl", "CaptureFrequency").ok());
-    CallResult all = call(IMAGE_BUS, image_path(1), "org.freedesktop.DBus.Properties", "GetAll",
-                          g_variant_new("(s)", "com.korvi.ImageControlStream"), "(a{sv})");
-    ASSERT_TRUE(all.ok()) << all.error_name;
-    g_autoptr(GVariant) props = g_variant_get_child_value(all.value.get(), 0);
-    const gchar *text = nullptr;
-    ASSERT_TRUE(g_variant_lookup(props, "CaptureFrequency", "&s", &text));
-    EXPECT_STREQ(text, "60Hz");
+    EXPECT_EQ(set_frequency(0, "60Hz"), "()");
+    EXPECT_EQ(set_frequency(2, "50 Hz"), INVALID);
+    EXPECT_EQ(services->capture(0).capture_frequency, "60Hz");
 }
 
-/* A declaration shaped like the producer library's: every key an a{sv}
- * carrying its fixed value (if any) and its description. */
-GVariant *declaration_for_channel(guint32 channel)
-{
-    return g_variant_new_parsed(
-        "{'topic0': <{'value': <'VideoEncoder'>, 'type': <uint32 4>, 'namespace': <'tns1'>}>,"
-        " 'channel': <{'value': <%u>, 'type': <uint32 1>, 'tags': <['onvif-source']>}>,"
-        " 'connected': <{'type': <uint32 2>, 'tags': <['onvif-data', 'property-state']>}>}",
-        channel);
-}
-
-TEST_F(BoardServicesTest, EventsAreDeclaredAndEverySendIsRecordedPerChannel)
+TEST_F(Services, EventsAreDeclaredAndEverySendIsRecordedForItsChannel)
 {
     start();
-    auto declare = [&](GVariant *declaration) {
-        CallResult r = call(EVENT_BUS, "/com/korvi/Event1", EVENT_BUS, "Declare",
-                            g_variant_new("(s@a{sv})", "vidhostd", declaration), "(i)");
-        gint32 id = -1000;
-        if (r.ok())
-            g_variant_get(r.value.get(), "(i)", &id);
-        return id;
-    };
-    auto send = [&](gint32 id, GVariant *values) {
-        return call(EVENT_BUS, "/com/korvi/Event1", EVENT_BUS, "Send",
-                    g_variant_new("(si@a{sv})", "vidhostd", id, values));
-    };
+    /* The channel wrapped with its type, as the producer library declares it, or plain. */
+    EXPECT_EQ(
+        event("Declare", "('vidhostd', {'channel': <{'value': <uint32 3>, 'type': <uint32 1>}>})"),
+        "(1,)");
+    EXPECT_EQ(event("Declare", "('vidhostd', {'channel': <uint32 4>})"), "(2,)");
+    for (const char *args : {"('vidhostd', 1, {'connected': <true>})",
+                             "('vidhostd', 1, {'connected': <{'value': <uint32 0>}>})",
+                             "('vidhostd', 2, {'connected': <int32 1>})"})
+        EXPECT_EQ(event("Send", args), "()");
+    EXPECT_EQ(event("Send", "('vidhostd', 99, {'connected': <false>})"), INVALID);
 
-    std::vector<int32_t> ids;
-    for (guint32 ch = 1; ch <= 4; ch++)
-        ids.push_back(declare(declaration_for_channel(ch)));
-    ASSERT_EQ(ids.size(), 4u);
-    for (size_t i = 0; i < ids.size(); i++) {
-        EXPECT_GT(ids[i], 0);
-        for (size_t j = 0; j < i; j++)
-            EXPECT_NE(ids[i], ids[j]);
-    }
-    std::vector<EventDeclaration> decls = services_->declarations();
-    ASSERT_EQ(decls.size(), 4u);
-    EXPECT_EQ(decls[2].id, ids[2]);
-    EXPECT_EQ(decls[2].channel, 3);
-    EXPECT_EQ(decls[2].producer, "vidhostd");
-    EXPECT_NE(decls[2].declaration.find("VideoEncoder"), std::string::npos);
-
-    /* Channel index 2 sends on the declaration of "channel" 3. */
-    ASSERT_TRUE(send(ids[2], g_variant_new_parsed("{'connected': <true>}")).ok());
-    ASSERT_TRUE(send(ids[2], g_variant_new_parsed("{'connected': <false>}")).ok());
-    /* "connected" as a 32-bit integer, wrapped like a declaration key. */
-    ASSERT_TRUE(send(ids[0], g_variant_new_parsed("{'connected': <{'value': <uint32 1>}>}")).ok());
-
-    ServicesSnapshot snap = services_->snapshot();
-    std::vector<EventSent> ch3 = snap.events_for_channel(3);
-    ASSERT_EQ(ch3.size(), 2u);
-    EXPECT_EQ(ch3[0].connected, 1);
-    EXPECT_EQ(ch3[1].connected, 0);
-    EXPECT_LT(ch3[0].seq, ch3[1].seq);
-    EXPECT_TRUE(ch3[0].known_id);
+    const ServicesSnapshot snap = services->snapshot();
+    std::string seen;
+    for (const EventSent &e : snap.events)
+        seen += std::to_string(e.channel) + ":" + std::to_string(e.connected) +
+                (e.known_id ? " " : "? ");
+    EXPECT_EQ(seen, "3:1 3:0 4:1 -1:0? ");
     EXPECT_EQ(snap.last_connected(3), 0);
-    EXPECT_EQ(snap.last_connected(1), 1);
-    EXPECT_EQ(snap.last_connected(2), -1);
-    EXPECT_EQ(snap.events_total, 3u);
-
-    /* A send on an id that was never declared is refused but still shown. */
-    CallResult r = send(99, g_variant_new_parsed("{'connected': <false>}"));
-    EXPECT_EQ(r.error_name, ERROR_INVALID_ARGS);
-    std::vector<EventSent> all = services_->events();
-    ASSERT_EQ(all.size(), 4u);
-    EXPECT_FALSE(all.back().known_id);
-    EXPECT_EQ(all.back().channel, -1);
-    EXPECT_EQ(services_->status(Service::Event).error_replies, 1u);
-
-    /* A flat declaration with a plain "channel" value is read too. */
-    int32_t flat = declare(g_variant_new_parsed("{'channel': <uint32 2>}"));
-    ASSERT_GT(flat, 0);
-    ASSERT_TRUE(send(flat, g_variant_new_parsed("{'connected': <int32 1>}")).ok());
-    EXPECT_EQ(services_->snapshot().last_connected(2), 1);
 }
 
-TEST_F(BoardServicesTest, VideoSystemIsStartedAndKeepsTheLatestInputSettings)
+TEST_F(Services, AnAbsentOrFailingServiceFailsAloneAndChangesNothing)
 {
     start();
-    auto started = [&] {
-        auto v = property_value(get_property(VIDEO_BUS, "/com/korvi/VideoSystem1",
-                                             "com.korvi.VideoSystem1", "Started"));
-        return v ? int(g_variant_get_boolean(v.get())) : -1;
-    };
-    auto set_settings = [&](GVariant *settings) {
-        return call(VIDEO_BUS, "/com/korvi/VideoSystem1/Input/0", "com.korvi.VideoSystem1.Input",
-                    "SetSettings", g_variant_new("(@a{sv})", settings));
-    };
-    EXPECT_EQ(started(), 1);
-
-    ASSERT_TRUE(set_settings(g_variant_new_parsed("{'video_type1': <uint32 1>}")).ok());
-    ASSERT_TRUE(set_settings(g_variant_new_parsed("{'video_type4': <uint32 2>}")).ok());
-    ASSERT_TRUE(set_settings(g_variant_new_parsed("{'video_type1': <uint32 0>}")).ok());
-
-    VideoSystemState vs = services_->video_system();
-    EXPECT_EQ(vs.set_settings_calls, 3u);
-    EXPECT_EQ(vs.video_type(0), 0);
-    EXPECT_EQ(vs.video_type(3), 2);
-    EXPECT_FALSE(vs.video_type(1).has_value());
-    EXPECT_EQ(vs.settings.at("video_type4").type_string, "u");
-
-    services_->set_video_system_started(false);
-    EXPECT_EQ(started(), 0);
-    EXPECT_FALSE(services_->video_system().started);
+    for (auto [fault, error] : {std::pair{Fault::Absent, UNKNOWN}, {Fault::Failing, FAILED}})
+        for (Service s : ALL_SERVICES) {
+            services->set_fault(s, fault);
+            for (Service other : ALL_SERVICES)
+                EXPECT_EQ(probe(other), other == s ? error : "ok")
+                    << service_short_name(s) << " " << fault_name(fault) << ", calling "
+                    << service_short_name(other);
+            services->clear_faults();
+            ASSERT_TRUE(services->wait_ready(10000));
+            EXPECT_EQ(probe(s), "ok") << service_short_name(s) << " cleared";
+        }
+    services->set_fault(Service::CaptureMode, Fault::Failing);
+    services->set_fault(Service::ImageControl, Fault::Failing);
+    EXPECT_EQ(set_mode(3, 5) + " " + set_frequency(3, "60Hz"), FAILED + " " + FAILED);
+    services->clear_faults();
+    EXPECT_EQ(mode(3) + call(IMAGE, image(3), PROPS + "GetAll", "('" + STREAM + "',)"),
+              "(<1>,)({'CaptureFrequency': <'50Hz'>},)");
 }
 
-TEST_F(BoardServicesTest, SnapshotJsonIsValidAndCarriesAwkwardTexts)
+TEST_F(Services, ALateServiceAnswersLaterWithoutHoldingUpTheOthers)
 {
-    g_autofree gchar *python = g_find_program_in_path("python3");
     start();
-    const char *awkward = "quote\" back\\slash\nnew line\t\x01";
-    ASSERT_TRUE(
-        call(OVERLAY_BUS, overlay_path(1), OVERLAY_BUS, "Set", g_variant_new("(su)", awkward, 3))
-            .ok());
-    services_->set_fault(Service::Event, Fault::Late, 25);
-    std::string json = services_->snapshot().to_json();
-    if (python == nullptr)
-        GTEST_SKIP() << "no python3 to parse the JSON";
+    services->set_fault(Service::ImageControl, Fault::Late, 600000);
+    g_dbus_connection_call(conn, IMAGE.c_str(), image(0).c_str(), "org.freedesktop.DBus.Properties",
+                           "Get", g_variant_new("(ss)", IMAGE.c_str(), "CaptureMode"), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr, nullptr, nullptr);
+    for (int i = 0; i < 10000 && services->status(Service::ImageControl).calls == 0; i++)
+        g_usleep(1000);
+    for (Service s : {Service::Overlay, Service::CaptureMode, Service::Event, Service::VideoSystem})
+        EXPECT_EQ(probe(s), "ok") << service_short_name(s) << " while a call is held";
 
-    g_autofree gchar *dir = g_dir_make_tmp("services-json-XXXXXX", nullptr);
-    ASSERT_NE(dir, nullptr);
-    g_autofree gchar *file = g_build_filename(dir, "snapshot.json", nullptr);
-    ASSERT_TRUE(g_file_set_contents(file, json.c_str(), -1, nullptr));
-    const char *script = "import json,sys\n"
-                         "d=json.load(open(sys.argv[1]))\n"
-                         "t=d['overlay'][0]['texts'][0]\n"
-                         "e=d['services']['event']\n"
-                         "sys.stdout.write(repr((t['text'],t['priority'],e['fault'],e['late_ms'],"
-                         "d['capture'][3]['capture_mode'])))\n";
-    const char *argv[] = {python, "-c", script, file, nullptr};
-    g_autofree gchar *out = nullptr;
-    g_autofree gchar *err = nullptr;
-    gint status = 0;
-    ASSERT_TRUE(g_spawn_sync(nullptr, const_cast<gchar **>(argv), nullptr, G_SPAWN_DEFAULT, nullptr,
-                             nullptr, &out, &err, &status, nullptr));
-    g_unlink(file);
-    g_rmdir(dir);
-    ASSERT_EQ(status, 0) << err << "\n" << json;
-    EXPECT_STREQ(out, "('quote\" back\\\\slash\\nnew line\\t\\x01', 3, 'late', 25, 1)");
-}
-
-TEST(ServiceNames, CommandLineNamesAndBusNamesBothSelectAService)
-{
-    EXPECT_EQ(service_from_name("overlay"), Service::Overlay);
-    EXPECT_EQ(service_from_name("com.korvi.CaptureMode1"), Service::CaptureMode);
-    EXPECT_EQ(service_from_name("com.korvi.Event1"), Service::Event);
-    EXPECT_FALSE(service_from_name("com.korvi.Event").has_value());
-    EXPECT_FALSE(service_from_name("").has_value());
-    EXPECT_EQ(fault_from_name("late"), Fault::Late);
-    EXPECT_FALSE(fault_from_name("slow").has_value());
+    services->set_fault(Service::CaptureMode, Fault::Late, 30);
+    services->set_fault(Service::ImageControl, Fault::Late, 30);
+    EXPECT_EQ(set_mode(1, 4), "()");
+    EXPECT_EQ(mode(1), "(<5>,)");
+    services->clear_faults();
+    EXPECT_EQ(mode(1), "(<5>,)");
+    EXPECT_EQ(services->status(Service::ImageControl).late_replies, 1u) << "the held call waits";
+    EXPECT_EQ(services->status(Service::CaptureMode).late_replies, 1u);
+    stop();
+    EXPECT_EQ(probe(Service::Overlay), UNKNOWN) << "names released";
 }
 
 } // namespace
-} // namespace vboard::test
+} // namespace vboard
