@@ -132,8 +132,8 @@ TEST_F(PtzServer, ChipSeesExactlyTheWholeRecordsSent)
     wait_consumed(a);
     EXPECT_EQ(wait_sent(0).size(), 3u) << "a partial record reached the chip";
     send_bytes(a, {0x44});
-    /* Input 7 does not exist; the record after it still arrives. */
-    send_bytes(a, {7, 1, 2, 3, 4, 2, 1, 2, 3, 4});
+    /* Inputs 4 and 7 do not exist; the record after them still arrives. */
+    send_bytes(a, {7, 1, 2, 3, 4, 4, 1, 1, 1, 1, 2, 1, 2, 3, 4});
     ASSERT_EQ(wait_sent(5).size(), 5u);
 
     /* A second client waits while the first one's records keep coming. */
@@ -165,6 +165,7 @@ TEST_F(PtzServer, ChipSeesExactlyTheWholeRecordsSent)
         want.push_back({uint8_t(i % 4), i, 0, 0, uint8_t(255 - i)});
     EXPECT_EQ(wait_sent(want.size()), want);
     EXPECT_EQ(log_count(G_LOG_LEVEL_WARNING, "Ignoring PTZ record for channel 7"), 1u);
+    EXPECT_EQ(log_count(G_LOG_LEVEL_WARNING, "Ignoring PTZ record for channel 4"), 1u);
 }
 
 TEST_F(PtzServer, StopsWithAndWithoutClientAndSurvivesAMissingDirectory)

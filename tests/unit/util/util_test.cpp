@@ -344,12 +344,15 @@ TEST(StatusPass, VideoNeedsTheChipAndTheCaptureDriverAndOnlyChangesReport)
         t.status_pass();
         t.status_pass();
         Calls got;
+        size_t driver_asked = 0;
         for (auto &entry : journal_take()) {
+            driver_asked += entry.starts_with("check_no_video");
             EXPECT_THAT(entry, testing::Not(testing::EndsWith(" unlocked")));
             if (entry.starts_with("event") || entry.starts_with("detected"))
                 got.push_back(entry.substr(0, entry.find(' ')));
         }
         EXPECT_EQ(got, steps[s].events) << "step " << s;
+        EXPECT_EQ(driver_asked, 2u * MAX_SOURCES) << "the capture driver is asked on every pass";
     }
     const uint8_t configured[] = {0, 0, 0, 1};
     for (int i = 0; i < MAX_SOURCES; i++)
