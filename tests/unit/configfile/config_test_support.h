@@ -1,6 +1,4 @@
-/* Helpers for the tests of the configuration file and the file layer under it:
- * a private directory per test, channel records to save, and readers for what
- * ended up on disk. */
+/* Helpers for the tests of the configuration file and the file layer under it. */
 #pragma once
 
 #include <gtest/gtest.h>
@@ -48,14 +46,8 @@ struct ChannelValues {
     uint8_t auto_mode, configured;
     bool operator==(const ChannelValues &) const = default;
 };
+using Table = std::array<ChannelValues, MAX_SOURCES>;
 
-inline std::ostream &operator<<(std::ostream &os, const ChannelValues &v)
-{
-    return os << "{" << v.standard << ", " << v.resolution << ", " << int(v.auto_mode) << ", "
-              << int(v.configured) << "}";
-}
-
-/* Saves a channel record holding these values. */
 inline bool save_channel(int32_t index, const ChannelValues &v, const std::string &path)
 {
     DetectState state{};
@@ -68,8 +60,6 @@ inline bool save_channel(int32_t index, const ChannelValues &v, const std::strin
     channel.configured = v.configured;
     return config_file_save_channel(&channel, path.c_str());
 }
-
-using Table = std::array<ChannelValues, MAX_SOURCES>;
 
 /* The rows behind the getters. */
 inline Table table()
@@ -112,7 +102,6 @@ inline std::string group_text(int channel, const ChannelValues &v)
            "\nconfigured=" + (v.configured ? "true" : "false") + "\n";
 }
 
-/* A whole file holding these rows, in channel order. */
 inline std::string text_of(const Table &t)
 {
     std::string text;
@@ -121,9 +110,8 @@ inline std::string text_of(const Table &t)
     return text;
 }
 
-/* A key-file text as GLib writes it: equal for two texts with the same
- * groups, keys and values in the same order, whatever the comments and
- * spacing. */
+/* Equal for two key-file texts with the same groups, keys and values in the
+ * same order, whatever the comments and spacing. */
 inline std::string normalized(const std::string &text)
 {
     g_autoptr(GKeyFile) key_file = g_key_file_new();
