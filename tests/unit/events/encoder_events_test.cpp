@@ -1,6 +1,6 @@
 /* The events module against a recording stand-in of the event producer
- * library: every call and error message is recorded in order, and results
- * are scripted. */
+ * library: every call and error message is recorded in one sequence, and
+ * results are scripted. */
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
@@ -28,7 +28,6 @@ std::string text(long n)
     return std::to_string(n);
 }
 
-/* Records the call as its name and arguments separated by spaces. */
 template <typename... Args>
 gboolean record(const char *name, Args... args)
 {
@@ -55,6 +54,20 @@ void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpoi
     calls += "error " + std::string(message) + "; ";
 }
 
+template <typename T>
+T *make()
+{
+    script.live_objects++;
+    return new T;
+}
+template <typename T>
+void destroy(const char *name, T *object)
+{
+    record(name);
+    script.live_objects--;
+    delete object;
+}
+
 } // namespace
 
 struct EventProducer {
@@ -68,72 +81,52 @@ struct Event {
 EventProducer *event_producer_new(const gchar *name)
 {
     record("producer_new", name);
-    if (script.producer_new_fails)
-        return nullptr;
-    script.live_objects++;
-    return new EventProducer;
+    return script.producer_new_fails ? nullptr : make<EventProducer>();
 }
-
 void event_producer_free(EventProducer *producer)
 {
-    record("producer_free");
-    script.live_objects--;
-    delete producer;
+    destroy("producer_free", producer);
 }
-
 EventDeclaration *event_declaration_new(GError **error)
 {
     record("declaration_new", error ? "error" : "NULL");
-    if (--script.failing_declaration == 0)
-        return nullptr;
-    script.live_objects++;
-    return new EventDeclaration;
+    return --script.failing_declaration == 0 ? nullptr : make<EventDeclaration>();
 }
-
 void event_declaration_free(EventDeclaration *declaration)
 {
-    record("declaration_free");
-    script.live_objects--;
-    delete declaration;
+    destroy("declaration_free", declaration);
 }
-
 gboolean event_declaration_add_key_value(EventDeclaration *declaration, const gchar *key,
-                                         gconstpointer value, gint value_type)
+                                         gconstpointer value, gint type)
 {
-    if (value_type != EVENT_VALUE_TYPE_UINT32)
+    if (type != EVENT_VALUE_TYPE_UINT32)
         return record("add_key_value", key, ("s:" + text(static_cast<const char *>(value))).c_str(),
-                      value_type);
+                      type);
     declaration->channel = *static_cast<const guint32 *>(value);
-    return record("add_key_value", key, ("u:" + text(declaration->channel)).c_str(), value_type);
+    return record("add_key_value", key, ("u:" + text(declaration->channel)).c_str(), type);
 }
-
-gboolean event_declaration_add_key(EventDeclaration *, const gchar *key, gint value_type)
+gboolean event_declaration_add_key(EventDeclaration *, const gchar *key, gint type)
 {
-    return record("add_key", key, value_type);
+    return record("add_key", key, type);
 }
-
 gboolean event_declaration_set_name_space(EventDeclaration *, const gchar *key, const gchar *ns)
 {
     return record("set_name_space", key, ns);
 }
-
 gboolean event_declaration_set_nice_names(EventDeclaration *, const gchar *key,
-                                          const gchar *key_nice_name, const gchar *value_nice_name)
+                                          const gchar *key_nice, const gchar *value_nice)
 {
-    return record("set_nice_names", key, key_nice_name, value_nice_name);
+    return record("set_nice_names", key, key_nice, value_nice);
 }
-
 gboolean event_declaration_add_key_tag(EventDeclaration *, const gchar *key, const gchar *tag)
 {
     return record("add_key_tag", key, tag);
 }
-
 gboolean event_declaration_set_property(EventDeclaration *, const gchar *source_key,
                                         const gchar *data_key, guint flags)
 {
     return record("set_property", source_key, data_key, flags);
 }
-
 /* The identifier tells the declaration's channel: 100 + channel. Like the
  * library, no event comes from an identifier that was never given out. */
 gint event_producer_declare(EventProducer *, EventDeclaration *declaration)
@@ -141,21 +134,15 @@ gint event_producer_declare(EventProducer *, EventDeclaration *declaration)
     record("declare");
     return 100 + declaration->channel;
 }
-
 Event *event_producer_prepare_event(EventProducer *, gint declaration_id)
 {
     record("prepare_event", declaration_id);
-    if (declaration_id < 100)
-        return nullptr;
-    script.live_objects++;
-    return new Event;
+    return declaration_id < 100 ? nullptr : make<Event>();
 }
-
 gboolean event_set_value(Event *, const gchar *key, gconstpointer value)
 {
     return record("set_value", key, *static_cast<const gboolean *>(value));
 }
-
 gboolean event_producer_send_event(EventProducer *, Event *, GError **error)
 {
     record("send_event");
@@ -164,12 +151,9 @@ gboolean event_producer_send_event(EventProducer *, Event *, GError **error)
     g_set_error_literal(error, G_IO_ERROR, G_IO_ERROR_FAILED, script.send_error.c_str());
     return FALSE;
 }
-
 void event_free(Event *event)
 {
-    record("event_free");
-    script.live_objects--;
-    delete event;
+    destroy("event_free", event);
 }
 
 class EncoderEventsTest : public testing::Test
@@ -190,12 +174,9 @@ class EncoderEventsTest : public testing::Test
 
 TEST_F(EncoderEventsTest, CreationDeclaresEveryChannelInOrder)
 {
-    EncoderEvents *events = encoder_events_create(4);
-    ASSERT_NE(events, nullptr);
-    encoder_events_free(events);
+    encoder_events_free(encoder_events_create(4));
     EXPECT_EQ(calls, "producer_new vidhostd; " + declaration_calls(1) + declaration_calls(2) +
                          declaration_calls(3) + declaration_calls(4) + "producer_free; ");
-
     script.producer_new_fails = true;
     EXPECT_EQ(encoder_events_create(4), nullptr);
 }
@@ -210,23 +191,15 @@ TEST_F(EncoderEventsTest, EachChannelSendsOnItsOwnDeclaration)
                          declaration_calls(3) + declaration_calls(4));
     calls.clear();
     EXPECT_NE(encoder_events_send_video_connected(events, 2, TRUE), 0);
-    EXPECT_NE(encoder_events_send_video_connected(events, 0, FALSE), 0);
+    EXPECT_NE(encoder_events_send_video_connected(events, 0, 7), 0);
     /* The channel whose declaration failed has none to prepare an event from. */
     EXPECT_EQ(encoder_events_send_video_connected(events, 1, TRUE), 0);
-    EXPECT_EQ(calls, "prepare_event 103; set_value connected 1; send_event; event_free; "
-                     "prepare_event 101; set_value connected 0; send_event; event_free; "
-                     "prepare_event -1; error Failed to create Video Connected event; ");
-    encoder_events_free(events);
-}
-
-TEST_F(EncoderEventsTest, SendErrorIsLoggedAndTheEventFreed)
-{
-    EncoderEvents *events = encoder_events_create(1);
-    ASSERT_NE(events, nullptr);
     script.send_error = "The name is not activatable";
-    calls.clear();
-    EXPECT_EQ(encoder_events_send_video_connected(events, 0, TRUE), 0);
-    EXPECT_EQ(calls, "prepare_event 101; set_value connected 1; send_event; error Failed to send "
+    EXPECT_EQ(encoder_events_send_video_connected(events, 3, FALSE), 0);
+    EXPECT_EQ(calls, "prepare_event 103; set_value connected 1; send_event; event_free; "
+                     "prepare_event 101; set_value connected 1; send_event; event_free; "
+                     "prepare_event -1; error Failed to create Video Connected event; "
+                     "prepare_event 104; set_value connected 0; send_event; error Failed to send "
                      "Video Connected event: The name is not activatable; event_free; ");
     encoder_events_free(events);
 }
