@@ -359,14 +359,28 @@ bool ChipModel::fits_locked(int ch) const
     return !half_rate_mode;
 }
 
+/* The reserve of a held lock at now: grown on fitting programming (capped at
+ * lock_delay), drained on programming that does not fit. */
+uint64_t ChipModel::lock_reserve(const Input &in, uint64_t now) const
+{
+    const uint64_t elapsed = now - in.reserve_at;
+    if (in.fits)
+        return std::min(lock_delay_us_, in.reserve + elapsed);
+    return in.reserve > elapsed ? in.reserve - elapsed : 0;
+}
+
 void ChipModel::update_fit(int ch, uint64_t now)
 {
     Input &in = inputs_[ch];
     const bool f = fits_locked(ch);
+    if (in.locked && f != in.fits) {
+        in.reserve = lock_reserve(in, now);
+        in.reserve_at = now;
+    }
     if (f && !in.fits)
         in.fit_since = now;
     in.fits = f;
-    if (!f && in.locked) {
+    if (!f && in.locked && in.reserve == 0) {
         in.locked = false;
         raise_event(ch);
     }
@@ -392,9 +406,15 @@ void ChipModel::advance(uint64_t now)
             const uint64_t sync_at = in.plugged_at + sync_delay_us_;
             if (!in.sync && now >= sync_at)
                 in.sync = true;
-            if (in.fits && !in.locked && in.sync &&
-                now >= std::max(in.fit_since + lock_delay_us_, sync_at)) {
+            const uint64_t lock_at = std::max(in.fit_since + lock_delay_us_, sync_at);
+            if (in.fits && !in.locked && in.sync && now >= lock_at) {
                 in.locked = true;
+                in.reserve = 0;
+                in.reserve_at = lock_at;
+                raise_event(ch);
+            }
+            if (in.locked && !in.fits && now >= in.reserve_at + in.reserve) {
+                in.locked = false;
                 raise_event(ch);
             }
         }
@@ -420,6 +440,8 @@ uint64_t ChipModel::deadline_locked() const
                 next = std::min(next, sync_at);
             if (in.fits && !in.locked)
                 next = std::min(next, std::max(in.fit_since + lock_delay_us_, sync_at));
+            if (in.locked && !in.fits)
+                next = std::min(next, in.reserve_at + in.reserve);
         }
         if (!in.ptz_in_flight.empty())
             next = std::min(next, in.ptz_in_flight.front().done_at);

@@ -48,7 +48,14 @@
  *   Sync (bit 4) comes up sync_delay after plug-in whatever is programmed.
  *   The full lock (bits 5 and 6) comes up lock_delay after the channel's
  *   programming started to fit the camera (and not before sync), and drops at
- *   once when the camera goes or the programming stops fitting. Fitting:
+ *   once when the camera goes. A held lock rides out programming that stops
+ *   fitting for a while, the way the decoder flywheels through a disturbance:
+ *   its reserve grows with the time the lock is held on fitting programming,
+ *   up to lock_delay, and drains while the programming does not fit; the lock
+ *   drops when the reserve is used up, so a lock just gained drops at once.
+ *   A settled lock thus survives a driver rewriting the channel's format,
+ *   where the line length passes through the timing table's value before the
+ *   CVI block writes the CVI one. Fitting:
  *   - line length, (0x1C & 0x7F) << 8 | 0x1D (bit 7 of 0x1C is a mode flag,
  *     not part of the length), equals the camera's: 1080p30 2200 (CVI 2400),
  *     1080p25 2640 (CVI 2400), 720p30 1650 / long lines 3300, 720p25 1980
@@ -247,6 +254,10 @@ class ChipModel
         uint64_t fit_since = 0;
         bool sync = false;
         bool locked = false;
+        /* Misfit time the held lock can still ride out, as it stood at
+         * reserve_at (see Lock in the header comment). */
+        uint64_t reserve = 0;
+        uint64_t reserve_at = 0;
         std::deque<Ptz> ptz_in_flight;
         std::vector<PtzRecord> ptz_received;
     };
@@ -263,6 +274,7 @@ class ChipModel
     void advance(uint64_t now);
     void raise_event(int ch);
     void update_fit(int ch, uint64_t now);
+    uint64_t lock_reserve(const Input &in, uint64_t now) const;
     uint64_t deadline_locked() const;
     int check_transfer(size_t first_reg, size_t count) const;
     uint8_t read_reg(uint8_t page, uint8_t r) const;
