@@ -73,16 +73,51 @@ class ConfigFile : public ::testing::Test
     }
 };
 
-TEST_F(ConfigFile, NoFileGivesTheDefaultFileAndOtherDefaultsInTheTable)
+/* Load fails and leaves the table alone; create writes the default file (mode
+ * 0644 whatever the umask) while the table gets other defaults. */
+TEST_F(ConfigFile, FilesThatCannotBeLoaded)
 {
+    auto random_bytes = [&](size_t size) {
+        std::independent_bits_engine<std::mt19937, 8, unsigned> random{uint32_t(size)};
+        std::string bytes(size, '\xff'); /* the first byte is never text */
+        std::generate(bytes.begin() + 1, bytes.end(), [&] { return char(random()); });
+        write_file(path, bytes);
+    };
+    const std::pair<const char *, std::function<void()>> cases[] = {
+        {"no file", [] {}},
+        {"4 kB of random bytes", [&] { random_bytes(4096); }},
+        {"10 MB of random bytes", [&] { random_bytes(size_t(10) << 20); }},
+    };
+    for (const auto &[what, make] : cases) {
+        SCOPED_TRACE(what);
+        load_distinct();
+        make();
+        EXPECT_FALSE(config_file_load(path.c_str()));
+        EXPECT_EQ(table(), distinct);
+        const mode_t old_mask = umask(0077);
+        EXPECT_TRUE(config_file_create(path.c_str()));
+        umask(old_mask);
+        expect_default_file();
+        /* A save over an unparsable file keeps only its own channel. */
+        random_bytes(100);
+        EXPECT_TRUE(save_channel(3, {1, 4, 0, 1}, path));
+        EXPECT_EQ(normalized(read_file(path)), normalized(group_text(3, {1, 4, 0, 1})));
+        ASSERT_EQ(unlink(path.c_str()), 0);
+    }
+
+    /* A directory cannot be replaced: create fails but still resets the table,
+     * and a failed save records its values all the same, so they are not
+     * retried. */
     load_distinct();
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
     EXPECT_FALSE(config_file_load(path.c_str()));
     EXPECT_EQ(table(), distinct);
-
-    const mode_t old_mask = umask(0077);
-    EXPECT_TRUE(config_file_create(path.c_str()));
-    umask(old_mask);
-    expect_default_file();
+    EXPECT_FALSE(config_file_create(path.c_str()));
+    EXPECT_EQ(table(), new_table);
+    EXPECT_FALSE(save_channel(1, distinct[1], path));
+    EXPECT_TRUE(save_channel(1, distinct[1], path));
+    EXPECT_TRUE(S_ISDIR(stat_of(path).st_mode));
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"video.conf"});
 }
 
 TEST_F(ConfigFile, LoadCompletesTheOtherGroupsAndLeavesThePresentOneAlone)
@@ -162,43 +197,6 @@ TEST_F(ConfigFile, UnreadableFileIsReplacedByCreate)
         EXPECT_TRUE(config_file_create(path.c_str()));
         expect_default_file();
     });
-}
-
-TEST_F(ConfigFile, RandomBytesSmallAndHuge)
-{
-    for (size_t size : {size_t(4096), size_t(10) << 20}) {
-        SCOPED_TRACE(size);
-        std::independent_bits_engine<std::mt19937, 8, unsigned> random{uint32_t(size)};
-        std::string bytes(size, '\xff'); /* the first byte is never text */
-        std::generate(bytes.begin() + 1, bytes.end(), [&] { return char(random()); });
-        load_distinct();
-        write_file(path, bytes);
-        EXPECT_FALSE(config_file_load(path.c_str()));
-        EXPECT_EQ(table(), distinct);
-        /* A save over an unparsable file keeps only its own channel. */
-        EXPECT_TRUE(save_channel(3, {1, 4, 0, 1}, path));
-        EXPECT_EQ(normalized(read_file(path)), normalized(group_text(3, {1, 4, 0, 1})));
-        write_file(path, bytes);
-        EXPECT_TRUE(config_file_create(path.c_str()));
-        expect_default_file();
-    }
-}
-
-TEST_F(ConfigFile, DirectoryInPlaceOfTheFile)
-{
-    load_distinct();
-    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
-    EXPECT_FALSE(config_file_load(path.c_str()));
-    EXPECT_EQ(table(), distinct);
-    /* Create fails but still resets the table. */
-    EXPECT_FALSE(config_file_create(path.c_str()));
-    EXPECT_EQ(table(), new_table);
-    /* A failed save records the values all the same, so they are not retried. */
-    EXPECT_FALSE(save_channel(1, distinct[1], path));
-    EXPECT_EQ(table()[1], distinct[1]);
-    EXPECT_TRUE(save_channel(1, distinct[1], path));
-    EXPECT_TRUE(S_ISDIR(stat_of(path).st_mode));
-    EXPECT_EQ(dir.entries(), std::vector<std::string>{"video.conf"});
 }
 
 TEST_F(ConfigFile, ReadOnlyDirectory)

@@ -13,7 +13,6 @@ namespace
 
 std::string calls;   /* each call, release or warning followed by "; " */
 std::string failing; /* the call that fails, if any */
-int live_objects = 0;
 
 bool fails(const std::string &call, GError **error)
 {
@@ -38,15 +37,11 @@ void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpoi
         GObject parent;                                                                            \
     };                                                                                             \
     G_DEFINE_TYPE(Type, prefix, G_TYPE_OBJECT)                                                     \
-    void prefix##_init(Type *)                                                                     \
-    {                                                                                              \
-        live_objects++;                                                                            \
-    }                                                                                              \
+    void prefix##_init(Type *) {}                                                                  \
     void prefix##_class_init(Type##Class *klass)                                                   \
     {                                                                                              \
         G_OBJECT_CLASS(klass)->finalize = [](GObject *object) {                                    \
             calls += "free " name "; ";                                                            \
-            live_objects--;                                                                        \
             G_OBJECT_CLASS(prefix##_parent_class)->finalize(object);                               \
         };                                                                                         \
     }
@@ -110,7 +105,6 @@ TEST_F(VideoInputType, TellsSdPalAndNtscApartFromTheRest)
         EXPECT_EQ(calls, "system_new; wait_for_started; map_new; input_new 0; map_set " +
                              c.setting + "; set_settings; free input; free map; free system; ");
     }
-    EXPECT_EQ(live_objects, 0);
 }
 
 TEST_F(VideoInputType, FailuresAreWarningsAndReleaseEverything)
@@ -135,5 +129,4 @@ TEST_F(VideoInputType, FailuresAreWarningsAndReleaseEverything)
         EXPECT_EQ(calls, expected);
     }
     failing.clear();
-    EXPECT_EQ(live_objects, 0);
 }
