@@ -193,27 +193,32 @@ TEST_F(Chip, InterruptsOnlyWhenEnabledAndClearedByWritingOnes)
 {
     int edges = 0;
     model->set_irq_callback([&] { edges++; });
-    std::vector<int> b5;
+    std::vector<int> seen; /* 0xB5, and 0xB6 at the end */
     ASSERT_TRUE(model->plug(1, {Standard::TVI, RES_1080P30}));
-    b5.push_back(rd(0xB5)); /* channel 1 not enabled */
-    wr(0xB8, 0x20);         /* channel 2, by its upper bit */
+    seen.push_back(rd(0xB5)); /* channel 1 not enabled */
+    wr(0xB8, 0x20);           /* channel 2, by its upper bit */
     ASSERT_TRUE(model->plug(2, {Standard::TVI, RES_1080P30}));
     EXPECT_TRUE(model->irq_pending());
     model->unplug(2);
     wr(0xB5, 0x00);
-    b5.push_back(rd(0xB5));
+    seen.push_back(rd(0xB5));
     wr(0xB5, 0xFF);
-    b5.push_back(rd(0xB5) | model->irq_pending());
+    seen.push_back(rd(0xB5) | model->irq_pending());
     /* Lock and loss of lock are events too. */
     program(2, false, 0x05, 2200);
     ASSERT_TRUE(model->plug(2, {Standard::TVI, RES_1080P30}));
     wr(0xB5, 0xFF);
     advance_us(300 * MS);
-    b5.push_back(rd(0xB5));
+    seen.push_back(rd(0xB5));
     wr(0xB5, 0xFF);
     wr(0x1D, 0x72);
-    b5.push_back(rd(0xB5));
-    EXPECT_EQ(b5, (std::vector<int>{0x00, 0x04, 0x00, 0x04, 0x04}));
+    seen.push_back(rd(0xB5));
+    /* A PTZ transmission ends with the channel's bit in 0xB6, and no edge. */
+    wr(0x71, 0x20);
+    wr(0x6F, 0x01);
+    advance_us(1000 * MS);
+    seen.push_back(rd(0xB6));
+    EXPECT_EQ(seen, (std::vector<int>{0x00, 0x04, 0x00, 0x04, 0x04, 0x04}));
     EXPECT_EQ(edges, 4) << "plug, plug, lock, loss; the unplug came while the line was high";
 }
 
