@@ -1,16 +1,16 @@
 /* vboard-drive: the chip driver on its own against /dev/i2c-7, through the
- * same entry points the daemon uses, printing what the chip reports.
+ * entry points the daemon uses, printing what the chip reports on stdout.
  *
- *   identify                  reset pulse, probe: the chip's name
- *   lock CH[,CH...] [SECONDS] detection steps on the channels until each is
- *                             locked on a format (accepted and programmed as the
- *                             manager does) or SECONDS (default 10) ran out:
- *                             "ch 0 locked tvi 1080p25" / "ch 0 no lock"
- *   program CH STD RES [CH STD RES]...
- *                             fixed formats, then up to 2 s for the chip's
- *                             full lock on each channel: "ch 0 cvi 4k12 locked
- *                             line-length 4880 video 1" (video: video_status)
+ *   identify                    reset pulse and probe: the chip's name
+ *   lock SECONDS CH...          detection passes until each channel has locked
+ *                               (and is programmed as the manager accepts it) or
+ *                               SECONDS ran out: "ch 0 locked tvi 1080p25" or
+ *                               "ch 0 no lock"
+ *   program CH STD RES...       fixed formats, then up to 2 s for each channel's
+ *                               full lock: "ch 0 cvi 4k12 locked line-length 4880
+ *                               video 1" (video: video_status)
  * Exit status 1 when a format is refused or no chip answers, 2 on bad usage. */
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -25,10 +25,9 @@
 namespace
 {
 
-/* Between detection passes. The chip needs a few hundred ms after a format is
- * programmed before it locks, and the driver gives up after eleven
- * confirmation steps: 50 ms apart leave it ample time without the daemon's
- * 2 s pass interval. */
+/* The chip needs a few hundred ms after a format is programmed before it
+ * locks and the driver gives up after eleven confirmation steps: passes 50 ms
+ * apart leave it ample time without the daemon's 2 s interval. */
 constexpr gulong PASS_INTERVAL_US = 50000;
 constexpr gint64 PROGRAM_WAIT_US = 2 * G_USEC_PER_SEC;
 
@@ -52,10 +51,8 @@ DecoderPtr open_decoder()
 {
     gpio_reset_decoder();
     DecoderPtr dec(tp28xx_create(), close_decoder);
-    if (!dec) {
-        std::printf("no chip\n");
+    if (!dec)
         return dec;
-    }
     dec->lock = g_new0(GMutex, 1);
     g_mutex_init(dec->lock);
     dec->channels = g_new0(Channel, dec->nbr_channels);
@@ -73,17 +70,15 @@ DecoderPtr open_decoder()
     return dec;
 }
 
-bool parse_channel(const char *text, int32_t *channel)
+int32_t parse_channel(const char *text)
 {
     char *end;
-    long v = std::strtol(text, &end, 10);
-    *channel = static_cast<int32_t>(v);
-    return end != text && *end == '\0' && v >= 0 && v < MAX_SOURCES;
+    const long v = std::strtol(text, &end, 10);
+    return end != text && *end == '\0' && v >= 0 && v < MAX_SOURCES ? static_cast<int32_t>(v) : -1;
 }
 
-int cmd_lock(Decoder *dec, const std::vector<int32_t> &channels, double seconds)
+int cmd_lock(Decoder *dec, std::vector<int32_t> pending, double seconds)
 {
-    std::vector<int32_t> pending = channels;
     const gint64 deadline = g_get_monotonic_time() + static_cast<gint64>(seconds * G_USEC_PER_SEC);
     while (!pending.empty() && g_get_monotonic_time() < deadline) {
         std::vector<int32_t> still;
@@ -96,13 +91,12 @@ int cmd_lock(Decoder *dec, const std::vector<int32_t> &channels, double seconds)
                 still.push_back(index);
                 continue;
             }
-            /* The manager's acceptance: the format is programmed once more
-             * as the daemon's own. */
+            /* The manager's acceptance programs the format once more as its own. */
             dec->ops.set_video_standard(ch, standard, type, 1, 1);
             std::printf("ch %d locked %s %s\n", index, video_standard_to_string(standard),
                         video_type_to_string(type));
         }
-        pending = still;
+        pending.swap(still);
         if (!pending.empty())
             g_usleep(PASS_INTERVAL_US);
     }
@@ -111,10 +105,9 @@ int cmd_lock(Decoder *dec, const std::vector<int32_t> &channels, double seconds)
     return 0;
 }
 
-/* Registers of the channel's page as the chip reports them now: the line
- * length of its timing registers, and whether it has fully locked (bits 5 and
- * 6 of the status; bit 4, sync, comes with any camera and is all video_status
- * needs). */
+/* The channel's line length from its timing registers, and whether it has
+ * fully locked (status bits 5 and 6; bit 4, sync, comes with any camera and is
+ * all video_status needs). */
 bool full_lock(Decoder *dec, int32_t index, unsigned *line_length)
 {
     Tp28xxPageScope scope(dec, index);
@@ -128,23 +121,18 @@ int cmd_program(Decoder *dec, char **args, int count)
 {
     std::vector<int32_t> programmed;
     for (int i = 0; i + 2 < count; i += 3) {
-        int32_t index;
+        const int32_t index = parse_channel(args[i]);
         const int32_t standard = video_standard_from_string(args[i + 1]);
         const int32_t type = video_type_from_string(args[i + 2]);
-        if (!parse_channel(args[i], &index) ||
-            is_valid_combo(dec->dec_chip == video_tp2827, standard, type, index) != 0) {
-            std::printf("ch %s %s %s not accepted\n", args[i], args[i + 1], args[i + 2]);
-            return 1;
-        }
         g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
-        if (dec->ops.set_video_standard(&dec->channels[index], standard, type, 0, 1) != 0) {
-            std::printf("ch %d %s %s refused\n", index, args[i + 1], args[i + 2]);
+        if (index < 0 || is_valid_combo(dec->dec_chip == video_tp2827, standard, type, index) ||
+            dec->ops.set_video_standard(&dec->channels[index], standard, type, 0, 1) != 0) {
+            std::printf("ch %s %s %s refused\n", args[i], args[i + 1], args[i + 2]);
             return 1;
         }
         programmed.push_back(index);
     }
     for (int32_t index : programmed) {
-        Channel *ch = &dec->channels[index];
         const gint64 deadline = g_get_monotonic_time() + PROGRAM_WAIT_US;
         unsigned length;
         bool locked;
@@ -156,6 +144,7 @@ int cmd_program(Decoder *dec, char **args, int count)
             g_clear_pointer(&locker, g_mutex_locker_free);
             g_usleep(10000);
         }
+        Channel *ch = &dec->channels[index];
         g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
         std::printf("ch %d %s %s %s line-length %u video %d\n", index,
                     video_standard_to_string(ch->standard), video_type_to_string(ch->video_type),
@@ -173,41 +162,34 @@ GLogWriterOutput log_to_stderr(GLogLevelFlags level, const GLogField *fields, gs
     return G_LOG_WRITER_HANDLED;
 }
 
-int usage()
-{
-    std::fprintf(stderr, "usage: vboard-drive identify | lock CH[,CH...] [SECONDS] | "
-                         "program CH STANDARD RESOLUTION [CH STANDARD RESOLUTION]...\n");
-    return 2;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
     const std::string cmd = argc > 1 ? argv[1] : "";
     std::vector<int32_t> channels;
-    if (cmd == "lock" && (argc == 3 || argc == 4)) {
-        g_auto(GStrv) parts = g_strsplit(argv[2], ",", -1);
-        for (char **p = parts; *p; p++) {
-            int32_t index;
-            if (!parse_channel(*p, &index))
-                return usage();
-            channels.push_back(index);
-        }
-    } else if (!(cmd == "identify" && argc == 2) &&
-               !(cmd == "program" && argc >= 5 && (argc - 2) % 3 == 0)) {
-        return usage();
+    for (int i = 3; cmd == "lock" && i < argc; i++)
+        channels.push_back(parse_channel(argv[i]));
+    const bool lock_ok = cmd == "lock" && !channels.empty() && std::atof(argv[2]) > 0 &&
+                         std::find(channels.begin(), channels.end(), -1) == channels.end();
+    if (!lock_ok && !(cmd == "identify" && argc == 2) &&
+        !(cmd == "program" && argc >= 5 && (argc - 2) % 3 == 0)) {
+        std::fprintf(stderr, "usage: vboard-drive identify | lock SECONDS CH... | "
+                             "program CH STANDARD RESOLUTION...\n");
+        return 2;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     g_log_set_writer_func(log_to_stderr, nullptr, nullptr);
     DecoderPtr dec = open_decoder();
-    if (!dec)
+    if (!dec) {
+        std::printf("no chip\n");
         return 1;
-    if (cmd == "identify") {
-        std::printf("%s\n", dec->name);
-        return 0;
     }
-    if (cmd == "lock")
-        return cmd_lock(dec.get(), channels, argc == 4 ? std::atof(argv[3]) : 10.0);
-    return cmd_program(dec.get(), argv + 2, argc - 2);
+    if (cmd == "identify")
+        std::printf("%s\n", dec->name);
+    else if (cmd == "lock")
+        return cmd_lock(dec.get(), channels, std::atof(argv[2]));
+    else
+        return cmd_program(dec.get(), argv + 2, argc - 2);
+    return 0;
 }

@@ -1,28 +1,11 @@
 """The unmodified vinmand on a virtual board, for the end-to-end scenarios.
 
-How a scenario meets the daemon:
-
-- The board runs `vboard run --state-dir DIR --policy data/com.korvi.Encoder.conf
-  ... -- sh -c LAUNCHER vinmand`. The launcher blocks on a FIFO in DIR and then
-  execs the daemon (same PID, so the board's exit status is the daemon's). A
-  scenario can thus prepare the board (faults, a rival owner of the bus name)
-  before the daemon starts; `start()` opens the gate at once unless asked not to.
-- Every client (busctl, gdbus, python3) runs inside the board's private mount
-  namespace through `nsenter --target BOARD --mount`, where it finds the board's
-  system bus at /run/dbus/system_bus_socket and the PTZ socket at
-  /run/vidhostd/coax.socket: the same paths and the same policy as on the
-  encoder, so a client is called exactly as a client author would call it, and
-  `setpriv` can make it an unprivileged caller.
-- The board's own state (cameras, lock, overlay texts, capture mode, events,
-  registers) comes from `vboard-ctl --state-dir DIR`; the daemon's log is the
-  board's syslog sink (`vboard-ctl log`, or DIR/syslog.log once the board has
-  ended).
-
-Waiting is always bounded: `vboard-ctl wait` with a time-out, or `wait_until`
-polling a condition against a deadline.
-
-Every board started through `Boards` is stopped, with everything it started,
-when the scenario ends, also when it fails."""
+The board runs `sh -c LAUNCHER vinmand`: the launcher leaves its PID in the
+state directory and waits on a FIFO there before it execs the daemon (same
+PID), so a scenario can prepare the board (faults, a rival bus name owner)
+first. Clients run inside the board's mount namespace through nsenter, where
+the bus, its policy and the PTZ socket sit at the encoder's own paths; the
+board's state comes from `vboard-ctl`. Every wait is bounded."""
 
 import configparser
 import ctypes
@@ -40,8 +23,8 @@ import time
 
 import pytest
 
-REPO = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-BUILD = os.path.abspath(os.path.join(REPO, os.environ.get("VINMAN_BUILD_DIR", "build/asan")))
+from conftest import BUILD, REPO
+
 VBOARD = os.path.join(BUILD, "sim", "vboard", "vboard")
 VBOARD_CTL = os.path.join(BUILD, "sim", "vboard", "vboard-ctl")
 VINMAND = os.path.join(BUILD, "src", "vinmand")
@@ -51,22 +34,20 @@ SERVICE = "com.korvi.Encoder"
 OBJECT = "/com/korvi/Encoder"
 VIDEO = "com.korvi.Encoder.Video"
 ERROR = "com.korvi.Encoder.Error."
+ACQUIRED = f"Acquired '{SERVICE}' on D-Bus message bus."
 ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
 
-LAUNCHER = 'read go < "$VBOARD_STATE_DIR/gate" && exec "$0"'
+LAUNCHER = 'echo $$ > "$VBOARD_STATE_DIR/pid" && read go < "$VBOARD_STATE_DIR/gate" && exec "$0"'
 SYSLOG_LINE = re.compile(r"^<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)\[(\d+)\]: ?(.*)$")
 GDBUS_ERROR = re.compile(r"GDBus\.Error:([\w.]+): (.*)")
 
-# Owns a bus name with the flags given as argv[2], prints each change of
-# ownership on a line of its own, and runs until killed.
+# Owns a bus name with the flags in argv[2] and prints each change of ownership.
 NAME_OWNER = """
 import sys
 from gi.repository import Gio, GLib
-def say(text):
-    print(text, flush=True)
-Gio.bus_own_name(Gio.BusType.SYSTEM, sys.argv[1], Gio.BusNameOwnerFlags(int(sys.argv[2])),
-                 None, lambda c, n: say("acquired"), lambda c, n: say("lost"))
+Gio.bus_own_name(Gio.BusType.SYSTEM, sys.argv[1], Gio.BusNameOwnerFlags(int(sys.argv[2])), None,
+                 lambda c, n: print("acquired", flush=True), lambda c, n: print("lost", flush=True))
 GLib.MainLoop().run()
 """
 
@@ -76,19 +57,12 @@ import socket, sys
 s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
 s.connect("/run/vidhostd/coax.socket")
 s.sendall(bytes.fromhex(sys.argv[1]))
-s.close()
 """
 
+# Clients find the board's bus at its fixed path, never one of the caller's.
+CLIENT_ENV = {k: v for k, v in os.environ.items() if k != "DBUS_SYSTEM_BUS_ADDRESS"}
 ALLOW_REPLACEMENT = 1
 REPLACE = 2
-
-
-def require_root():
-    """Module-level mark for the scenarios: they need root for the board's
-    mount namespace, nsenter and setpriv."""
-    return pytest.mark.skipif(os.geteuid() != 0,
-                              reason="the daemon's scenarios need root (board namespace, "
-                                     "nsenter, setpriv)")
 
 
 class DBusError(Exception):
@@ -99,51 +73,25 @@ class DBusError(Exception):
 
 
 def wait_until(condition, timeout, what):
-    """Polls condition() until it returns a true value, which is returned; fails
-    the scenario after timeout seconds."""
+    """Polls condition() until it returns a true value, which is returned."""
     deadline = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         if time.monotonic() > deadline:
             pytest.fail(f"timed out after {timeout} s waiting for {what}")
         time.sleep(0.05)
+    return value
 
 
-def _die_with_parent():
-    os.setsid()
+def read_file(path):
     try:
-        ctypes.CDLL(None, use_errno=True).prctl(1, signal.SIGTERM)  # PR_SET_PDEATHSIG
-    except (OSError, AttributeError):
-        pass
-
-
-def _children(pid):
-    out = []
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            with open(f"/proc/{entry}/stat") as f:
-                stat = f.read()
-        except OSError:
-            continue
-        if int(stat[stat.rindex(")") + 2:].split()[1]) == pid:
-            out.append(int(entry))
-    return out
-
-
-def _link(pid, name):
-    """/proc/PID/NAME's target ("exe", "ns/mnt"); "" once the process is gone."""
-    try:
-        return os.readlink(f"/proc/{pid}/{name}")
+        with open(path) as f:
+            return f.read()
     except OSError:
-        return ""
+        return None
 
 
 def parse_config(text):
-    """The daemon's key file as {group: {key: value}}, groups and keys in file order."""
+    """The daemon's key file as {group: {key: value}}, in file order."""
     parser = configparser.ConfigParser(interpolation=None, delimiters=("=",))
     parser.optionxform = str
     parser.read_string(text)
@@ -154,21 +102,13 @@ class Board:
     """One virtual board with the daemon on it."""
 
     def __init__(self, chip="tp2827", cameras=(), config=None, capture_modes=(), cpuid=True):
-        self.chip = chip
-        self.cpuid = cpuid
-        self.cameras = list(cameras)
+        self.options = ["--chip", chip, *([] if cpuid else ["--no-cpuid"])]
+        self.options += [x for cam in cameras for x in ("--camera", cam)]
+        self.options += [x for mode in capture_modes for x in ("--capture-mode", mode)]
         self.config = config
-        self.capture_modes = list(capture_modes)
-        self.state = None
-        self.proc = None
-        self.board_pid = None
-        self.daemon_pid = None
-        self.exit_code = None
-        self.first_config = None
-        self._out = None
+        self.state = self.proc = self.board_pid = self.daemon_pid = None
+        self.exit_code = self.first_config = self._out = None
         self._helpers = []
-
-    # -- lifecycle --------------------------------------------------------------
 
     def start(self, gate_open=True, timeout=30):
         for path in (VBOARD, VBOARD_CTL, VINMAND):
@@ -176,37 +116,24 @@ class Board:
                 pytest.fail(f"{path} is not built (build {BUILD} or set VINMAN_BUILD_DIR)")
         self.state = tempfile.mkdtemp(prefix="vd.", dir="/tmp")
         os.mkfifo(os.path.join(self.state, "gate"))
-        cmd = [VBOARD, "run", "--chip", self.chip, "--state-dir", self.state, "--policy", POLICY]
-        if not self.cpuid:
-            cmd += ["--no-cpuid"]
+        cmd = [VBOARD, "run", "--state-dir", self.state, "--policy", POLICY, *self.options]
         if self.config is not None:
-            path = os.path.join(self.state, "seed.conf")
-            with open(path, "w") as f:
+            with open(os.path.join(self.state, "seed.conf"), "w") as f:
                 f.write(self.config)
-            cmd += ["--config", path]
-        for cam in self.cameras:
-            cmd += ["--camera", cam]
-        for mode in self.capture_modes:
-            cmd += ["--capture-mode", mode]
-        cmd += ["--", "/bin/sh", "-c", LAUNCHER, VINMAND]
+            cmd += ["--config", f.name]
         env = dict(os.environ)
         env.pop("VBOARD_STATE_DIR", None)
         env.setdefault("ASAN_OPTIONS", "detect_leaks=1")
         self._out = open(os.path.join(self.state, "vboard.out"), "w+b")
-        self.proc = subprocess.Popen(cmd, stdin=subprocess.DEVNULL, stdout=self._out,
-                                     stderr=subprocess.STDOUT, env=env,
-                                     preexec_fn=_die_with_parent)
-        r = subprocess.run([VBOARD_CTL, "--state-dir", self.state, "wait", "--timeout",
-                            str(timeout), "ready"], capture_output=True, text=True,
-                           timeout=timeout + 10)
-        if r.returncode != 0:
-            pytest.fail(f"the board did not become ready: {r.stderr}{self.board_output()}")
-        # The board is the supervisor's child that entered the private namespace.
-        own_ns = _link("self", "ns/mnt")
-        self.board_pid = wait_until(
-            lambda: next((p for p in _children(self.proc.pid)
-                          if _link(p, "ns/mnt") not in ("", own_ns)), None),
-            timeout, "the board process")
+        # Its own session, and SIGTERM should the test runner die.
+        self.proc = subprocess.Popen(
+            [*cmd, "--", "/bin/sh", "-c", LAUNCHER, VINMAND], stdin=subprocess.DEVNULL,
+            stdout=self._out, stderr=subprocess.STDOUT, env=env, start_new_session=True,
+            preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGTERM))
+        self.ctl("wait", "--timeout", str(timeout), "ready", timeout=timeout + 10)
+        pid_file = os.path.join(self.state, "pid")
+        self.board_pid = int(wait_until(lambda: (read_file(pid_file) or "").strip(), timeout,
+                                        "the launcher"))
         if gate_open:
             self.open_gate()
         return self
@@ -227,23 +154,25 @@ class Board:
         os.write(fd, b"go\n")
         os.close(fd)
         exe = os.path.realpath(VINMAND)
-        # The daemon's PID, or -1 when the board (and the daemon) ended first.
-        self.daemon_pid = wait_until(
-            lambda: next((p for p in _children(self.board_pid) if _link(p, "exe") == exe), None)
-            or (self.proc.poll() is not None and -1), timeout, "the daemon to start")
+
+        def execed():
+            try:
+                return os.readlink(f"/proc/{self.board_pid}/exe") == exe and self.board_pid
+            except OSError:
+                return self.proc.poll() is not None and -1
+
+        # -1 when the daemon ended before it was seen.
+        self.daemon_pid = wait_until(execed, timeout, "the daemon to start")
         if self.config is None:
             def written_or_ended():
-                text = self._read(self.config_path)
-                if text:
-                    return (text,)
-                return (None,) if self.proc.poll() is not None else None
+                text = read_file(self.config_path)
+                return (text,) if text or self.proc.poll() is not None else None
 
             self.first_config = wait_until(written_or_ended, timeout,
                                            "the daemon's configuration file")[0]
 
     def wait_exit(self, timeout=30):
-        """Waits for the daemon to end (the board ends with it); returns its
-        exit status."""
+        """Waits for the daemon (and so the board) to end; returns its status."""
         try:
             self.exit_code = self.proc.wait(timeout)
         except subprocess.TimeoutExpired:
@@ -255,15 +184,12 @@ class Board:
         os.kill(self.daemon_pid, sig)
 
     def stop(self):
-        """Ends everything this board started: helpers, the daemon (SIGTERM
-        through the board), the board; removes the state directory. Returns
-        a complaint when a daemon that was running did not end cleanly (exit
-        status not 0, or killed), else None."""
+        """Ends the helpers, the daemon (SIGTERM) and the board and removes the
+        state directory; returns a complaint when a daemon that ran did not
+        end with status 0 of its own, else None."""
         for proc in self._helpers:
-            if proc.poll() is None:
-                proc.kill()
+            proc.kill()
             proc.wait()
-        self._helpers.clear()
         complaint = None
         if self.proc is not None and self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
@@ -271,56 +197,31 @@ class Board:
                 self.proc.wait(20)
             except subprocess.TimeoutExpired:
                 complaint = "the daemon did not end within 20 s of SIGTERM"
-                if self.board_pid:
-                    try:
-                        os.kill(self.board_pid, signal.SIGKILL)
-                    except ProcessLookupError:
-                        pass
-                try:
-                    self.proc.wait(10)
-                except subprocess.TimeoutExpired:
-                    os.killpg(self.proc.pid, signal.SIGKILL)
-                    self.proc.wait()
+                os.killpg(self.proc.pid, signal.SIGKILL)
+                self.proc.wait()
         code = self.proc.returncode if self.proc is not None else None
-        ran = self.daemon_pid is not None and self.daemon_pid > 0
-        if not complaint and ran and self.exit_code is None and code not in (0, None):
+        if not complaint and (self.daemon_pid or 0) > 0 and self.exit_code is None and code:
             complaint = f"the daemon ended with status {code}"
         if complaint:
             complaint += ":\n" + self.board_output()[-4000:]
         if self._out:
             self._out.close()
-            self._out = None
-        if self.state:
-            shutil.rmtree(self.state, ignore_errors=True)
-            self.state = None
+        shutil.rmtree(self.state or "", ignore_errors=True)
         return complaint
 
     def board_output(self):
-        if not self._out:
-            return ""
         self._out.flush()
         self._out.seek(0)
         text = self._out.read().decode(errors="replace")
         self._out.seek(0, os.SEEK_END)
         return text
 
-    # -- files ----------------------------------------------------------------
-
-    @staticmethod
-    def _read(path):
-        try:
-            with open(path) as f:
-                return f.read()
-        except OSError:
-            return None
-
     @property
     def config_path(self):
         return os.path.join(self.state, "etc-encoder", "video.conf")
 
     def config_file(self):
-        """The daemon's configuration file as {group: {key: value}}."""
-        return parse_config(self._read(self.config_path) or "")
+        return parse_config(read_file(self.config_path) or "")
 
     # -- the board --------------------------------------------------------------
 
@@ -328,11 +229,12 @@ class Board:
         r = subprocess.run([VBOARD_CTL, "--state-dir", self.state, *args], capture_output=True,
                            text=True, timeout=timeout)
         if r.returncode != 0:
-            pytest.fail(f"vboard-ctl {' '.join(args)}: {r.stderr.strip()}")
+            pytest.fail(f"vboard-ctl {' '.join(args)}: {r.stderr.strip()}\n"
+                        + self.board_output()[-4000:])
         return r.stdout
 
-    def get(self, key, arg=None):
-        return self.ctl("get", key, *([] if arg is None else [str(arg)])).strip()
+    def get(self, key, arg):
+        return self.ctl("get", key, str(arg)).strip()
 
     def wait(self, key, arg, value, timeout=30):
         """Waits for `vboard-ctl get KEY ARG` to read VALUE."""
@@ -344,26 +246,21 @@ class Board:
 
     def regs(self, page):
         """The register bank of a page as a list of 256 values."""
-        values = []
-        for line in self.ctl("regs", str(page)).splitlines()[2:]:
-            values += [int(v, 16) for v in line.split(":")[1].split()]
-        return values
+        lines = self.ctl("regs", str(page)).splitlines()[2:]
+        return [int(v, 16) for line in lines for v in line.split(":")[1].split()]
 
     # -- the daemon's log -------------------------------------------------------
 
     def log_text(self):
-        if self.proc is not None and self.proc.poll() is None:
+        if self.proc.poll() is None:
             return self.ctl("log")
-        return self._read(os.path.join(self.state, "syslog.log")) or ""
+        return read_file(os.path.join(self.state, "syslog.log")) or ""
 
-    def log(self, max_priority=6):
+    def log(self):
         """The daemon's messages as (priority, text), debug lines left out."""
-        out = []
-        for raw in self.log_text().splitlines():
-            m = SYSLOG_LINE.match(raw)
-            if m and m.group(2) == "vinmand" and int(m.group(1)) & 7 <= max_priority:
-                out.append((int(m.group(1)) & 7, m.group(4)))
-        return out
+        matches = map(SYSLOG_LINE.match, self.log_text().splitlines())
+        return [(int(m.group(1)) & 7, m.group(4)) for m in matches
+                if m and m.group(2) == "vinmand" and int(m.group(1)) & 7 <= 6]
 
     def messages(self):
         return [text for _, text in self.log()]
@@ -372,36 +269,35 @@ class Board:
         self.ctl("wait", "--timeout", str(timeout), "log", text, timeout=timeout + 10)
 
     def wait_count(self, text, count, timeout=30):
-        """Waits until the daemon has logged TEXT at least COUNT times."""
-        return wait_until(lambda: self.messages().count(text) >= count, timeout,
-                          f"{count} x '{text}' in the log")
+        wait_until(lambda: self.messages().count(text) >= count, timeout,
+                   f"{count} x '{text}' in the log")
 
     # -- clients inside the board ----------------------------------------------
+
+    def _nsenter(self, cmd, user=None):
+        return ["nsenter", "--target", str(self.board_pid), "--mount", "--", *(user or []), *cmd]
 
     def inside(self, *cmd, user=None, timeout=30):
         """Runs a command in the board's mount namespace, as root or, with
         user=NOBODY, as an unprivileged user."""
-        env = dict(os.environ)
-        env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
-        full = ["nsenter", "--target", str(self.board_pid), "--mount", "--", *(user or []), *cmd]
-        return subprocess.run(full, capture_output=True, text=True, timeout=timeout, env=env)
+        return subprocess.run(self._nsenter(cmd, user), capture_output=True, text=True,
+                              timeout=timeout, env=CLIENT_ENV)
 
     def spawn_inside(self, *cmd):
         """A long-running command in the board's namespace, stopped with the board."""
-        proc = subprocess.Popen(["nsenter", "--target", str(self.board_pid), "--mount", "--",
-                                 *cmd], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT, text=True)
+        proc = subprocess.Popen(self._nsenter(cmd), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                env=CLIENT_ENV)
         self._helpers.append(proc)
         return proc
 
-    def call(self, method, *args, user=None, path=OBJECT, interface=SERVICE):
+    def call(self, method, *args, user=None):
         """Calls a method with gdbus; returns the reply's values as a tuple or
-        raises DBusError with the error's name and message."""
+        raises DBusError."""
         from gi.repository import GLib
 
-        r = self.inside("gdbus", "call", "--system", "--dest", SERVICE, "--object-path", path,
-                        "--method", f"{interface}.{method}", "--", *[str(a) for a in args],
-                        user=user)
+        r = self.inside("gdbus", "call", "--system", "--dest", SERVICE, "--object-path", OBJECT,
+                        "--method", f"{SERVICE}.{method}", "--", *map(str, args), user=user)
         if r.returncode != 0:
             m = GDBUS_ERROR.search(r.stderr)
             if not m:
@@ -416,14 +312,12 @@ class Board:
         return e.value.name, e.value.message
 
     def busctl(self, *args, user=None, as_json=True):
-        """busctl --system; the reply parsed from JSON (or its text), or a failure."""
+        """busctl --system; the reply parsed from JSON (or its text)."""
         r = self.inside("busctl", "--system", *(["--json=short"] if as_json else []), *args,
                         user=user)
         if r.returncode != 0:
             pytest.fail(f"busctl {' '.join(args)}: {r.stderr.strip()}")
-        if not as_json:
-            return r.stdout
-        return json.loads(r.stdout) if r.stdout.strip() else None
+        return json.loads(r.stdout) if as_json else r.stdout
 
     def video_property(self, channel, name, user=None):
         return self.busctl("get-property", SERVICE, f"{OBJECT}/{channel}", VIDEO, name,
@@ -440,17 +334,13 @@ class Board:
         return [dict(zip(keys, row)) for row in self.call("ListConfig")[0]]
 
     def own_name(self, flags):
-        """A process inside the board that owns com.korvi.Encoder with the
-        given flags; its output lines ("acquired", "lost") arrive on a queue."""
+        """A process inside the board that owns the service's name with FLAGS;
+        its lines ("acquired", "lost") arrive on the returned queue."""
         proc = self.spawn_inside(sys.executable, "-c", NAME_OWNER, SERVICE, str(flags))
         lines = queue.Queue()
-
-        def pump():
-            for line in proc.stdout:
-                lines.put(line.strip())
-
-        threading.Thread(target=pump, daemon=True).start()
-        return proc, lines
+        threading.Thread(target=lambda: [lines.put(s.strip()) for s in proc.stdout],
+                         daemon=True).start()
+        return lines
 
     def send_ptz(self, data):
         r = self.inside(sys.executable, "-c", PTZ_CLIENT, data.hex())
@@ -465,35 +355,27 @@ def next_line(lines, timeout=20):
 
 
 def in_order(messages, expected):
-    """The positions of the expected messages in the log, each one found after
-    the previous; fails naming the first one missing."""
-    positions = []
+    """Fails unless the expected messages stand in the log in this order."""
     start = 0
     for text in expected:
         try:
-            start = messages.index(text, start)
+            start = messages.index(text, start) + 1
         except ValueError:
             pytest.fail(f"'{text}' missing after position {start} in:\n" + "\n".join(messages))
-        positions.append(start)
-        start += 1
-    return positions
 
 
 @pytest.fixture
 def boards():
-    """Starts boards for one scenario (`boards(chip=..., cameras=[...])`) and
-    stops every one of them at its end, failing the scenario when a daemon
-    does not stop cleanly."""
+    """Starts boards for one scenario (`boards(chip=..., cameras=[...])`); at
+    its end every daemon must stop cleanly: status 0, which under the
+    sanitizer builds also means no memory error or leak."""
     started = []
 
     def make(gate_open=True, **kwargs):
-        board = Board(**kwargs)
-        started.append(board)
-        return board.start(gate_open=gate_open)
+        started.append(Board(**kwargs))
+        return started[-1].start(gate_open=gate_open)
 
     yield make
-    # Every scenario ends with a clean shutdown of its daemons: exit status 0,
-    # which under the sanitizer build also means no memory error or leak.
     complaints = [c for c in (board.stop() for board in started) if c]
     if complaints:
         pytest.fail("\n".join(complaints))

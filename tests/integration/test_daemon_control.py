@@ -5,12 +5,9 @@ PTZ records through the socket up to the camera."""
 
 import pytest
 
-from daemon import ACCESS_DENIED, ERROR, NOBODY, OBJECT, SERVICE, VIDEO, require_root
+from daemon import ACCESS_DENIED, ACQUIRED, ERROR, NOBODY, OBJECT, SERVICE, VIDEO
 from daemon import boards  # noqa: F401  (the fixture of every scenario)
 
-pytestmark = require_root()
-
-ACQUIRED = f"Acquired '{SERVICE}' on D-Bus message bus."
 INVALID_ARGUMENT = ERROR + "InvalidArgument"
 WRONG_CHANNEL = (INVALID_ARGUMENT, "Wrong number of channels")
 
@@ -19,6 +16,10 @@ CHANNEL_METHODS = [("SetSaturation", 50), ("SetBrightness", 0), ("SetContrast", 
                    ("SetHue", 0), ("SetSharpness", 0), ("SetXOffset", 0), ("SetYOffset", 0),
                    ("SetVideoTermination", 1), ("SetVideoStandard", 1, "", ""),
                    ("GetVideoProperties",)]
+PICTURE = ("saturation", "brightness", "contrast", "hue", "sharpness", "xoffset", "yoffset")
+REFUSALS = {"InvalidAutoMode": "Not a valid auto mode",
+            "InvalidStandard": "Not a valid video standard",
+            "InvalidResolution": "Not a valid video resolution"}
 
 
 def picture_regs(board, ch):
@@ -39,10 +40,9 @@ def test_image_controls_and_termination(boards):
     base = picture_regs(board, 1)
     untouched = picture_regs(board, 2)
 
-    for method, value in [("SetSaturation", 100), ("SetBrightness", 100), ("SetContrast", 50),
-                          ("SetHue", 100), ("SetSharpness", 50), ("SetXOffset", 200),
-                          ("SetYOffset", -8)]:
-        assert board.call(method, 1, value) == ()
+    values = [100, 100, 50, 100, 50, 200, -8]
+    for name, value in zip(PICTURE, values):
+        assert board.call(f"Set{name.capitalize().replace('off', 'Off')}", 1, value) == ()
     regs = picture_regs(board, 1)
     assert regs[0x12 - 0x10] == 0x7F  # saturation 100
     assert regs[0x10 - 0x10] == 0x3F  # brightness 100
@@ -56,10 +56,8 @@ def test_image_controls_and_termination(boards):
     assert picture_regs(board, 2) == untouched
 
     # Above 100 (also -1 sent as unsigned) is refused; chip and record stay.
-    for method, name in [("SetSaturation", "saturation"), ("SetBrightness", "brightness"),
-                         ("SetContrast", "contrast"), ("SetHue", "hue"),
-                         ("SetSharpness", "sharpness")]:
-        assert board.call_error(method, 1, 101) == (INVALID_ARGUMENT, f"Invalid {name} value")
+    for name in PICTURE[:5]:
+        assert board.call_error(f"Set{name.capitalize()}", 1, 101) == (INVALID_ARGUMENT, f"Invalid {name} value")
         assert (6, f"Invalid {name} value") in board.log()
     assert board.call_error("SetBrightness", 1, 4294967295)[1] == "Invalid brightness value"
     for args in CHANNEL_METHODS:
@@ -68,10 +66,8 @@ def test_image_controls_and_termination(boards):
     assert picture_regs(board, 1) == regs
 
     config = board.list_config()
-    assert [config[1][k] for k in ("saturation", "brightness", "contrast", "hue", "sharpness",
-                                   "xoffset", "yoffset")] == [100, 100, 50, 100, 50, 200, -8]
-    assert [config[0][k] for k in ("saturation", "brightness", "contrast", "hue", "sharpness",
-                                   "xoffset", "yoffset")] == [50, 0, 50, 0, 0, 0, 0]
+    assert [config[1][k] for k in PICTURE] == values
+    assert [config[0][k] for k in PICTURE] == [50, 0, 50, 0, 0, 0, 0]
 
     # The termination line of channel N is video_term_(N + 1); nothing is stored.
     assert board.call("SetVideoTermination", 3, 1) == ()
@@ -85,16 +81,16 @@ def test_image_controls_and_termination(boards):
 # channel 1 with what it becomes, and the resolutions offered.
 STANDARDS = {
     "tp2827": dict(
-        refused=[(1, "cvbs", "720p25", "InvalidStandard"), (1, "tvi", "ntsc", "InvalidStandard"),
-                 (1, "ahd", "4k15", "InvalidResolution")],
+        refused=[("cvbs", "720p25", "InvalidStandard"), ("tvi", "ntsc", "InvalidStandard"),
+                 ("ahd", "4k15", "InvalidResolution")],
         fixed=("ahd", "720p25"), camera=["ahd", "720p25", "long"], group=("1", "5"), mode="4",
         freq="50Hz", setting="0",
         video_type=2, detected="HDTV720p", props=(False, 2, 1.0, 25.0, True),
         resolutions=["pal", "ntsc", "720p25", "720p30", "1080p25", "1080p30", "1440p25",
                      "1440p30", "4k12", "4k15"]),
     "tp2826": dict(
-        refused=[(1, "tvi", "1080p30", "InvalidResolution"),
-                 (1, "ahd", "720p25", "InvalidResolution")],
+        refused=[("tvi", "1080p30", "InvalidResolution"),
+                 ("ahd", "720p25", "InvalidResolution")],
         fixed=("cvbs", "ntsc"), camera=["cvbs", "ntsc"], group=("3", "9"), mode="2",
         freq="60Hz", setting="2",
         video_type=1, detected="NTSC", props=(True, 1, 2.75, 30.0, True),
@@ -110,16 +106,13 @@ def test_set_video_standard_programs_the_chip_and_tells_the_pipeline(boards, chi
     assert board.call("ListSupportedResolutions") == ([(r,) for r in want["resolutions"]],)
 
     before = (board.list_config(), board.config_file())
-    refused = [(1, 2, "tvi", "1080p25", "InvalidAutoMode", "Not a valid auto mode"),
-               (1, 0, "xyz", "pal", "InvalidStandard", "Not a valid video standard"),
-               (1, 0, "cvbs", "576i", "InvalidResolution", "Not a valid video resolution"),
-               (1, 0, "disabled", "pal", "InvalidStandard", "Not a valid video standard"),
-               (1, 0, "cvbs", "disabled", "InvalidResolution", "Not a valid video resolution")]
-    refused += [(ch, 0, std, res, name, {"InvalidStandard": "Not a valid video standard",
-                                         "InvalidResolution": "Not a valid video resolution"}[name])
-                for ch, std, res, name in want["refused"]]
-    for ch, auto, std, res, name, message in refused:
-        assert board.call_error("SetVideoStandard", ch, auto, std, res) == (ERROR + name, message)
+    refused = [(2, "tvi", "1080p25", "InvalidAutoMode"), (0, "xyz", "pal", "InvalidStandard"),
+               (0, "cvbs", "576i", "InvalidResolution"), (0, "disabled", "pal", "InvalidStandard"),
+               (0, "cvbs", "disabled", "InvalidResolution")]
+    refused += [(0, std, res, name) for std, res, name in want["refused"]]
+    for auto, std, res, name in refused:
+        assert board.call_error("SetVideoStandard", 1, auto, std, res) == (
+            ERROR + name, REFUSALS[name])
     assert (board.list_config(), board.config_file()) == before
     assert board.get("capture-mode", 1) == "1"
 

@@ -1,11 +1,9 @@
-"""Concurrency on the virtual board: the manager locks, loses and finds the
-cameras on every channel while several bus clients keep reading every
-channel's video object and calling GetVideoProperties and ListConfig; then
-SIGTERM. Run with the ThreadSanitizer build of the daemon ($VINMAN_TSAN_BUILD_DIR,
-default build/tsan; the board itself comes from $VINMAN_BUILD_DIR) and with
-the AddressSanitizer + UndefinedBehaviorSanitizer build. The daemon must stop
-with status 0, say nothing from a sanitizer, answer every call, and never
-show a value that no channel state can produce."""
+"""Concurrency: the manager locks, loses and finds the cameras on every channel
+while bus clients keep reading every channel's video object, GetVideoProperties
+and ListConfig; then SIGTERM. Run with the ThreadSanitizer build of the daemon
+($VINMAN_TSAN_BUILD_DIR, default build/tsan) and with the AddressSanitizer +
+UndefinedBehaviorSanitizer build: the daemon stops with status 0, no sanitizer
+speaks, every call is answered and no value is one no channel state can give."""
 
 import json
 import os
@@ -14,10 +12,8 @@ import signal
 import pytest
 
 import daemon
-from daemon import require_root, wait_until
+from daemon import ACQUIRED, wait_until
 from daemon import boards  # noqa: F401  (the fixture of every scenario)
-
-pytestmark = require_root()
 
 TSAN_BUILD = os.path.abspath(os.path.join(daemon.REPO, os.environ.get("VINMAN_TSAN_BUILD_DIR",
                                                                       "build/tsan")))
@@ -25,7 +21,6 @@ TSAN_VINMAND = os.path.join(TSAN_BUILD, "src", "vinmand")
 TSAN_SUPPRESSIONS = os.path.join(daemon.REPO, "tools", "tsan", "glib.supp")
 SANITIZER_REPORTS = ("ThreadSanitizer", "AddressSanitizer", "LeakSanitizer", "runtime error:")
 
-ACQUIRED = "Acquired 'com.korvi.Encoder' on D-Bus message bus."
 IRQ_SEEN = "Got video loss/detect on channel {ch}"
 CLIENTS = 3
 ROUNDS = 2
@@ -36,20 +31,13 @@ ROUNDS = 2
 CAMERAS = {0: ("tvi", "1080p25"), 1: ("cvbs", "pal"), 2: ("cvbs", "pal"), 3: ("ahd", "720p30")}
 REPORTS_LOSS = (1, 2)
 
-# A client inside the board: reads VideoType and DetectedType of every
-# channel, GetVideoProperties and ListConfig, over its own connection, until
-# the file argv[1] exists; then prints what it did as JSON. Every value is
-# checked against what a channel can show, so that a torn or stale record is
-# counted rather than passed on.
+# A client inside the board, on a connection of its own until the file argv[1]
+# exists; then prints its counts as JSON. A torn or stale value is counted.
 CLIENT = r"""
 import json, os, sys
 from gi.repository import Gio, GLib
 
-stop = sys.argv[1]
-bus = Gio.DBusConnection.new_for_address_sync(
-    "unix:path=/run/dbus/system_bus_socket",
-    Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT
-    | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION, None, None)
+bus = Gio.bus_get_sync(Gio.BusType.SYSTEM, None)
 SERVICE, OBJECT = "com.korvi.Encoder", "/com/korvi/Encoder"
 CAPTURE = {0, 1, 2, 4, 6, 7}
 DETECTED = {"none", "PAL", "NTSC", "HDTV720p", "HDTV1080p", "HDTVQHD", "HDTV4K"}
@@ -67,7 +55,7 @@ def call(path, iface, method, args, reply):
         errors.append(f"{method}: {e.message}")
         return None
 
-while not os.path.exists(stop):
+while not os.path.exists(sys.argv[1]):
     for ch in range(4):
         for prop in ("VideoType", "DetectedType"):
             r = call(f"{OBJECT}/{ch}", "org.freedesktop.DBus.Properties", "Get",
@@ -86,9 +74,7 @@ while not os.path.exists(stop):
     r = call(OBJECT, SERVICE, "ListConfig", None, "(a(uuuuuiissbb))")
     if r is not None:
         counts["ListConfig"] += 1
-        rows = r[0]
-        # A channel with a standard has a format; "none" goes with whatever
-        # the chip had programmed when it was not locked.
+        rows = r[0]  # "none" goes with whatever format the chip had programmed
         if len(rows) != 4 or any(row[7] not in STANDARDS
                                  or (row[7] != "none" and row[8] not in RESOLUTIONS)
                                  for row in rows):
@@ -99,7 +85,6 @@ print(json.dumps({"counts": counts, "errors": errors[:20], "odd": odd[:20]}), fl
 
 @pytest.fixture(params=["tsan", "asan"])
 def sanitized_daemon(request, monkeypatch):
-    """Points the daemon's scenario helper at the sanitizer build under test."""
     if request.param == "tsan":
         if not os.access(TSAN_VINMAND, os.X_OK):
             pytest.skip(f"{TSAN_VINMAND} is not built (build {TSAN_BUILD} with "
@@ -118,16 +103,9 @@ def irq_count(board, ch):
     return board.messages().count(IRQ_SEEN.format(ch=ch))
 
 
-def daemon_locked_all(board):
-    rows = board.list_config()
-    return all(row["standard"] == CAMERAS[ch][0] and row["resolution"] == CAMERAS[ch][1]
-               for ch, row in enumerate(rows))
-
-
 def toggle_all(board, plug):
-    """Unplugs (or plugs back) every camera and waits until the daemon's
-    manager has seen each change; on the channels that report loss, also the
-    event."""
+    """Unplugs (or plugs back) every camera; waits for the manager to see each
+    change and, where loss is reported, for the event."""
     before = {ch: irq_count(board, ch) for ch in CAMERAS}
     for ch, (standard, resolution) in CAMERAS.items():
         if plug:
@@ -151,7 +129,8 @@ def test_cameras_come_and_go_while_clients_read(boards, sanitized_daemon):
 
     # The first locks happen while the clients read: detection, capture
     # mode changes, publication and the configuration file.
-    wait_until(lambda: daemon_locked_all(board), 60, "the daemon to lock every channel")
+    wait_until(lambda: [(r["standard"], r["resolution"]) for r in board.list_config()]
+               == list(CAMERAS.values()), 60, "the daemon to lock every channel")
     for _ in range(ROUNDS):
         toggle_all(board, plug=False)
         toggle_all(board, plug=True)

@@ -4,19 +4,16 @@ daemon tells the rest of the encoder in each case."""
 
 import pytest
 
-from daemon import require_root, wait_until
+from daemon import wait_until
 from daemon import boards  # noqa: F401  (the fixture of every scenario)
-
-pytestmark = require_root()
 
 LOCK = ("Accepted lock on new video type, update video config file: "
         "type {type} on channel {ch}, video type = {standard}")
 CHANGED = "VIDEO_INPUT_CONFIGURATION_CHANGED"
 
-# What each camera becomes once the daemon has taken it: its type and standard
-# numbers (configuration file, lock message), the capture mode and frequency,
-# the published texts and numbers, the video system's video_typeN value and
-# GetVideoProperties.
+# What each camera becomes once taken: type and standard numbers (file, lock
+# message), capture mode and frequency, the published texts and numbers, the
+# video system's video_typeN and GetVideoProperties.
 CAMERAS = {
     "tvi:1080p25": dict(type=3, standard=0, std_text="tvi", res_text="1080p25", mode=3,
                         freq="50Hz", detected="HDTV1080p", video_type=4, setting=0,
@@ -75,8 +72,6 @@ def test_automatic_lock_then_unplug(boards, chip, changed):
                        timeout=45)
     check_taken(board, 0, changed, auto=True, mode_changed=True)
     check_taken(board, 1, "cvbs:pal", auto=True, mode_changed=False)
-    locks = board.messages().count(LOCK.format(type=8, ch=1, standard=3))
-    assert locks == 1
 
     board.ctl("unplug", "0")
     board.ctl("unplug", "1")
@@ -100,18 +95,16 @@ def test_automatic_lock_then_unplug(boards, chip, changed):
     assert board.video_property(0, "DetectedType") == CAMERAS[changed]["detected"]
     assert board.config_file()["Channel 0"]["configured"] == "true"
     assert board.list_config()[0]["resolution"] == CAMERAS[changed]["res_text"]
-    assert board.messages().count(LOCK.format(type=8, ch=1, standard=3)) == 1
+    assert board.messages().count(LOCK.format(type=8, ch=1, standard=3)) == 1  # no relock
 
 
 @pytest.mark.parametrize("chip,camera", [("tp2827", "ahd:720p30"), ("tp2826", "cvbs:ntsc")])
 def test_fixed_configuration_is_applied_on_the_first_pass(boards, chip, camera):
     want = CAMERAS[camera]
-    config = ""
-    for ch in range(4):
-        fixed = ch == 1
-        config += (f"[Channel {ch}]\nstandard={want['standard'] if fixed else 5}\n"
-                   f"resolution={want['type'] if fixed else 31}\n"
-                   f"auto={'false' if fixed else 'true'}\nconfigured={str(fixed).lower()}\n\n")
+    auto = "standard=5\nresolution=31\nauto=true\nconfigured=false\n"
+    fixed = (f"standard={want['standard']}\nresolution={want['type']}\n"
+             "auto=false\nconfigured=true\n")
+    config = "".join(f"[Channel {ch}]\n{fixed if ch == 1 else auto}\n" for ch in range(4))
     board = boards(chip=chip, cameras=[f"1:{camera}"], config=config)
     # The fixed step publishes the video type before it switches the capture
     # mode, so the published type is still the pipeline's former PAL (0); the

@@ -1,9 +1,7 @@
-"""The chip driver alone on the virtual board: vboard-drive brings the chip up
-through the driver's own entry points, lets automatic detection lock on each
-camera the chip can detect, and programs each fixed format the chip takes.
-The chip model's own view (`vboard-ctl get lock` / `line-length`) is the
-judge of what the chip really took. One board run per chip does everything;
-the tests read its output."""
+"""The chip driver alone on the virtual board: vboard-drive identifies the chip,
+lets automatic detection lock on each camera the chip can detect, and programs
+each fixed format the chip takes; the chip model's own view (`vboard-ctl
+status`) judges what the chip really took. One board run per chip does it all."""
 
 import json
 import os
@@ -31,24 +29,11 @@ def chunks(items, size=4):
     return [items[i:i + size] for i in range(0, len(items), size)]
 
 
-# The chip model's own view after each round: one line "chip {json}".
-CHIP_STATUS = "echo chip $(vboard-ctl status --json)"
-
-
-def lock_round(tag, cameras, seconds):
-    """Cameras on channels 0.. and one detection run over them."""
-    lines = [f"vboard-ctl plug {ch} {s} {r} {v}" for ch, (s, r, v) in enumerate(cameras)]
-    channels = range(len(cameras))
-    return lines + [f"echo '== {tag}'", f"{DRIVE} lock {','.join(map(str, channels))} {seconds}",
-                    CHIP_STATUS]
-
-
-def program_round(tag, jobs):
-    """jobs: (channel, standard, resolution, variant, programmed as): the camera is
-    plugged, then the format programmed."""
-    lines = [f"vboard-ctl plug {ch} {s} {r} {v}" for ch, s, r, v, _ in jobs]
-    args = " ".join(f"{ch} {p[0]} {p[1]}" for ch, _, _, _, p in jobs)
-    return lines + [f"echo '== {tag}'", f"{DRIVE} program {args}", CHIP_STATUS]
+def round_(tag, plugs, command):
+    """Plugs (channel, standard, resolution, variant), runs the driver, then
+    prints the chip model's view as one line "chip {json}"."""
+    return [*(f"vboard-ctl plug {ch} {s} {r} {v}" for ch, s, r, v in plugs), f"echo '== {tag}'",
+            f"{DRIVE} {command}", "echo chip $(vboard-ctl status --json)"]
 
 
 def plan(chip):
@@ -68,10 +53,13 @@ def plan(chip):
                     [(0, "cvbs", "pal", "", ("cvbs", "ntsc"))]]
     script = ["echo '== ID'", f"{DRIVE} identify"]
     for tag, cams, seconds, _ in locks:
-        script += lock_round(tag, cams, seconds)
+        channels = " ".join(map(str, range(len(cams))))
+        script += round_(tag, [(ch, *cam) for ch, cam in enumerate(cams)],
+                         f"lock {seconds} {channels}")
     programs = [("P%d" % n, jobs) for n, jobs in enumerate(programs)]
     for tag, jobs in programs:
-        script += program_round(tag, jobs)
+        script += round_(tag, [job[:4] for job in jobs],
+                         "program " + " ".join(f"{ch} {p[0]} {p[1]}" for ch, *_, p in jobs))
     return " && ".join(script), locks, programs
 
 
