@@ -66,10 +66,7 @@ REPLACE = 2
 
 
 class DBusError(Exception):
-    def __init__(self, name, message):
-        super().__init__(f"{name}: {message}")
-        self.name = name
-        self.message = message
+    """A method's error reply: (error name, message)."""
 
 
 def wait_until(condition, timeout, what):
@@ -84,7 +81,7 @@ def wait_until(condition, timeout, what):
 
 def read_file(path):
     try:
-        with open(path) as f:
+        with open(path, errors="replace") as f:
             return f.read()
     except OSError:
         return None
@@ -211,10 +208,7 @@ class Board:
 
     def board_output(self):
         self._out.flush()
-        self._out.seek(0)
-        text = self._out.read().decode(errors="replace")
-        self._out.seek(0, os.SEEK_END)
-        return text
+        return read_file(self._out.name) or ""
 
     @property
     def config_path(self):
@@ -236,8 +230,7 @@ class Board:
     def get(self, key, arg):
         return self.ctl("get", key, str(arg)).strip()
 
-    def wait(self, key, arg, value, timeout=30):
-        """Waits for `vboard-ctl get KEY ARG` to read VALUE."""
+    def wait(self, key, arg, value, timeout=30):  # until `get KEY ARG` reads VALUE
         self.ctl("wait", "--timeout", str(timeout), key, str(arg), str(value),
                  timeout=timeout + 10)
 
@@ -274,12 +267,10 @@ class Board:
 
     # -- clients inside the board ----------------------------------------------
 
-    def _nsenter(self, cmd, user=None):
+    def _nsenter(self, cmd, user=None):  # user=NOBODY: an unprivileged caller
         return ["nsenter", "--target", str(self.board_pid), "--mount", "--", *(user or []), *cmd]
 
     def inside(self, *cmd, user=None, timeout=30):
-        """Runs a command in the board's mount namespace, as root or, with
-        user=NOBODY, as an unprivileged user."""
         return subprocess.run(self._nsenter(cmd, user), capture_output=True, text=True,
                               timeout=timeout, env=CLIENT_ENV)
 
@@ -309,7 +300,7 @@ class Board:
         """Calls a method that must fail; returns (error name, message)."""
         with pytest.raises(DBusError) as e:
             self.call(method, *args, user=user)
-        return e.value.name, e.value.message
+        return e.value.args
 
     def busctl(self, *args, user=None, as_json=True):
         """busctl --system; the reply parsed from JSON (or its text)."""
