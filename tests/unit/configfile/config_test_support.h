@@ -18,7 +18,6 @@
 /* A fresh directory, under base or $TMPDIR, removed with everything in it. */
 struct TempDir {
     std::string path;
-
     explicit TempDir(const char *base = nullptr)
         : path(std::string(base ? base : g_get_tmp_dir()) + "/vinmand-conf-XXXXXX")
     {
@@ -75,9 +74,8 @@ inline std::string read_file(const std::string &path)
 {
     g_autofree gchar *data = nullptr;
     gsize length = 0;
-    if (!g_file_get_contents(path.c_str(), &data, &length, nullptr))
-        return {};
-    return std::string(data, length);
+    return g_file_get_contents(path.c_str(), &data, &length, nullptr) ? std::string(data, length)
+                                                                      : std::string();
 }
 
 inline void write_file(const std::string &path, const std::string &text)
@@ -110,7 +108,7 @@ inline std::string text_of(const Table &t)
     return text;
 }
 
-/* Equal for two key-file texts with the same groups, keys and values in the
+/* The same for two key-file texts with the same groups, keys and values in the
  * same order, whatever the comments and spacing. */
 inline std::string normalized(const std::string &text)
 {

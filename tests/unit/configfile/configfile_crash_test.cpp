@@ -22,8 +22,7 @@ using Clock = std::chrono::steady_clock;
 constexpr ChannelValues set_a = {0, 2, 0, 1};
 constexpr ChannelValues set_b = {3, 8, 1, 0};
 
-/* Warms up with two saves, reports that it has started, then saves B, A, B,
- * A... until killed. */
+/* Two warm-up saves, a report on report_fd, then B, A, B, A... until killed. */
 [[noreturn]] void run_saver(const std::string &path, int report_fd)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -38,8 +37,8 @@ constexpr ChannelValues set_b = {3, 8, 1, 0};
 
 TEST(ConfigFileCrash, KilledSaverLeavesOldOrNewValues)
 {
-    /* Process death is what is tested, and the page cache survives it: on a
-     * memory file system the syncs cost nothing and more kill points fit. */
+    /* The page cache survives the death of a process: on a memory file system
+     * the syncs cost nothing and more kill points fit. */
     TempDir dir(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : nullptr);
     const std::string path = dir.file("video.conf");
     ASSERT_TRUE(config_file_create(path.c_str()));
@@ -71,8 +70,7 @@ TEST(ConfigFileCrash, KilledSaverLeavesOldOrNewValues)
         char started = 0;
         const bool ok = read(fds[0], &started, 1) == 1;
         close(fds[0]);
-        /* Busy-wait up to one save's time in even steps, shifted a little
-         * each round, to land the kill at many moments. */
+        /* Up to one save's time in even steps, shifted a little each round. */
         const Clock::time_point until =
             Clock::now() + per_save * (i % 50) / 50 + per_save * (i / 50) / 350;
         while (Clock::now() < until) {
@@ -85,8 +83,7 @@ TEST(ConfigFileCrash, KilledSaverLeavesOldOrNewValues)
 
         const std::string found = normalized(read_file(path));
         EXPECT_TRUE(found == with_a || found == with_b) << "kill point " << i << " left\n" << found;
-        /* A kill inside a save may leave its temporary file behind, never a
-         * broken configuration file. */
+        /* A kill inside a save may leave its temporary file, never a broken one. */
         for (const std::string &name : dir.entries())
             if (name != "video.conf" && unlink(dir.file(name).c_str()) == 0)
                 left_temporary++;

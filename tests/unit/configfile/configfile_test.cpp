@@ -83,15 +83,11 @@ TEST_F(ConfigFile, FilesThatCannotBeLoaded)
         std::generate(bytes.begin() + 1, bytes.end(), [&] { return char(random()); });
         write_file(path, bytes);
     };
-    const std::pair<const char *, std::function<void()>> cases[] = {
-        {"no file", [] {}},
-        {"4 kB of random bytes", [&] { random_bytes(4096); }},
-        {"10 MB of random bytes", [&] { random_bytes(size_t(10) << 20); }},
-    };
-    for (const auto &[what, make] : cases) {
-        SCOPED_TRACE(what);
+    for (size_t size : {0, 10 << 20}) { /* no file; 10 MB of random bytes */
+        SCOPED_TRACE(size);
         load_distinct();
-        make();
+        if (size)
+            random_bytes(size);
         EXPECT_FALSE(config_file_load(path.c_str()));
         EXPECT_EQ(table(), distinct);
         const mode_t old_mask = umask(0077);
@@ -120,8 +116,9 @@ TEST_F(ConfigFile, FilesThatCannotBeLoaded)
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"video.conf"});
 }
 
-TEST_F(ConfigFile, LoadCompletesTheOtherGroupsAndLeavesThePresentOneAlone)
+TEST_F(ConfigFile, LoadCompletesTheFileAndTakesValuesAsRead)
 {
+    /* One group: the others are added, that one is left as it was. */
     write_file(path, group_text(1, distinct[0]));
     ASSERT_TRUE(config_file_load(path.c_str()));
     const ChannelValues completed = {3, 8, 1, 0};
@@ -129,14 +126,10 @@ TEST_F(ConfigFile, LoadCompletesTheOtherGroupsAndLeavesThePresentOneAlone)
               normalized(group_text(1, distinct[0]) + group_text(0, completed) +
                          group_text(2, completed) + group_text(3, completed)));
     EXPECT_EQ(table(), (Table{completed, distinct[0], completed, completed}));
-
     const auto before = version_of(path);
     ASSERT_TRUE(config_file_load(path.c_str()));
     EXPECT_EQ(version_of(path), before) << "a complete file is not rewritten";
-}
 
-TEST_F(ConfigFile, LoadTakesValuesAsReadAndReplacesWhatIsUnreadable)
-{
     write_file(path, "# gone at the first rewrite\n"
                      "[Channel 0]\nstandard=abc\nresolution=2\nauto=false\nconfigured=false\n"
                      "[Channel 1]\nstandard=1\nresolution=99\nauto=true\nconfigured=true\n"
@@ -159,7 +152,6 @@ TEST_F(ConfigFile, SaveWritesOnlyWhenTheChannelChanged)
     ASSERT_TRUE(config_file_load(path.c_str()));
     EXPECT_TRUE(save_channel(2, distinct[2], path));
     EXPECT_EQ(version_of(path), loaded);
-
     /* Each of the four values on its own counts as a change. */
     Table expected = distinct;
     for (const ChannelValues &v : {ChannelValues{3, 10, 1, 0}, ChannelValues{3, 25, 1, 0},
@@ -172,10 +164,9 @@ TEST_F(ConfigFile, SaveWritesOnlyWhenTheChannelChanged)
         EXPECT_EQ(normalized(read_file(path)), normalized(text_of(expected)));
     }
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"video.conf"});
-}
 
-TEST_F(ConfigFile, SaveAfterTheFileWasDeletedWritesNothing)
-{
+    /* Deleted behind the daemon's back: nothing is written, and the values are
+     * not recorded either, so the next save fails the same way. */
     ASSERT_TRUE(config_file_create(path.c_str()));
     ASSERT_TRUE(config_file_load(path.c_str()));
     ASSERT_EQ(unlink(path.c_str()), 0);
@@ -186,7 +177,7 @@ TEST_F(ConfigFile, SaveAfterTheFileWasDeletedWritesNothing)
     }
 }
 
-TEST_F(ConfigFile, UnreadableFileIsReplacedByCreate)
+TEST_F(ConfigFile, UnreadableFileAndReadOnlyDirectory)
 {
     load_distinct();
     write_file(path, "[Channel 0]\nstandard=1\n");
@@ -197,10 +188,7 @@ TEST_F(ConfigFile, UnreadableFileIsReplacedByCreate)
         EXPECT_TRUE(config_file_create(path.c_str()));
         expect_default_file();
     });
-}
 
-TEST_F(ConfigFile, ReadOnlyDirectory)
-{
     const std::string partial = dir.file("partial.conf");
     const std::string partial_text = "[Channel 1]\nstandard=0\nresolution=4\n";
     write_file(path, text_of(distinct));

@@ -74,30 +74,10 @@ void FakeChip::set(int page, uint8_t reg, uint8_t value)
     });
 }
 
-uint8_t FakeChip::get(int page, uint8_t reg)
-{
-    return locked([&] { return reg == PAGE_REG ? page_ : regs_[page < 0 ? page_ : page][reg]; });
-}
-
-void FakeChip::script(uint8_t reg, std::vector<int> answers)
-{
-    locked([&] { scripts_[reg].assign(answers.begin(), answers.end()); });
-}
-
 void FakeChip::set_offline(bool offline)
 {
     /* /dev/null opened read-only refuses writes and reads 0 bytes. */
     locked([&] { check(dup2(offline ? null_fd_ : sync_fd_, driver_fd_) >= 0, "dup2"); });
-}
-
-std::vector<Transaction> FakeChip::log()
-{
-    return locked([&] { return log_; });
-}
-
-void FakeChip::clear_log()
-{
-    locked([&] { log_.clear(); });
 }
 
 size_t FakeChip::count(bool write, uint8_t reg)
@@ -106,11 +86,6 @@ size_t FakeChip::count(bool write, uint8_t reg)
     for (const auto &t : log())
         n += t.write == write && t.reg == reg;
     return n;
-}
-
-int FakeChip::unrestored_pages()
-{
-    return locked([&] { return unrestored_ + (saved_page_ >= 0 && saved_page_ != page_); });
 }
 
 std::vector<std::string> FakeChip::lines()

@@ -38,18 +38,33 @@ class FakeChip
     int fd() const { return driver_fd_; }
     void set_identity(uint8_t chip_id, uint8_t revision = 0x05);
     void set(int page, uint8_t reg, uint8_t value); /* ANY_PAGE: on every page */
-    uint8_t get(int page, uint8_t reg);             /* ANY_PAGE: on the selected one */
+    uint8_t get(int page, uint8_t reg)              /* ANY_PAGE: on the selected one */
+    {
+        return locked([&] { return reg == 0x40 ? page_ : regs_[page < 0 ? page_ : page][reg]; });
+    }
     uint8_t page() { return get(ANY_PAGE, 0x40); }
     /* The next reads of the register answer these values (-1 fails them). */
-    void script(uint8_t reg, std::vector<int> answers);
+    void script(uint8_t reg, std::vector<int> answers)
+    {
+        locked([&] { scripts_[reg].assign(answers.begin(), answers.end()); });
+    }
     void set_offline(bool offline); /* every transfer fails */
-    std::vector<Transaction> log();
-    void clear_log();
+    std::vector<Transaction> log()
+    {
+        return locked([&] { return log_; });
+    }
+    void clear_log()
+    {
+        locked([&] { log_.clear(); });
+    }
     size_t count(bool write, uint8_t reg);
     /* A page-scoped operation reads 0x40 first and puts that value back at
      * its end: the reads of 0x40 whose value was not back by the next read of
      * 0x40 (or by now). Setting 0x40 from the test starts afresh. */
-    int unrestored_pages();
+    int unrestored_pages()
+    {
+        return locked([&] { return unrestored_ + (saved_page_ >= 0 && saved_page_ != page_); });
+    }
 
     /* The log as lines "W 01 15=03" (page, register, value) and "R 01 02",
      * and the lines of a sequence in the chip's notation starting on `page`:
@@ -61,7 +76,7 @@ class FakeChip
 
   private:
     template <class F>
-    auto locked(F f)
+    auto locked(F f) -> decltype(f())
     {
         sync();
         std::lock_guard lock(mutex_);

@@ -19,8 +19,8 @@
 namespace
 {
 
-/* Puts the socket over /dev/log for this process alone (a private /dev holds
- * the mount point where the system has none). 0 or the errno of the failure. */
+/* Mounts the socket over /dev/log for this process alone (on a private /dev
+ * where the system has none). 0 or the errno of the failure. */
 int mount_dev_log(const std::string &socket_path)
 {
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr))
@@ -38,10 +38,7 @@ TEST(KorviLog, EachLevelReachesSyslogWithItsPriority)
     TempDir dir;
     const std::string socket_path = dir.file("log");
     const int sock = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ASSERT_GE(sock, 0);
-    struct sockaddr_un addr {
-    };
-    addr.sun_family = AF_UNIX;
+    sockaddr_un addr = {AF_UNIX, {}};
     g_strlcpy(addr.sun_path, socket_path.c_str(), sizeof addr.sun_path);
     ASSERT_EQ(bind(sock, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
 
@@ -50,8 +47,7 @@ TEST(KorviLog, EachLevelReachesSyslogWithItsPriority)
         alarm(20);
         if (int err = mount_dev_log(socket_path))
             _exit(err);
-        char program[] = "/usr/sbin/vinmand-logcheck";
-        char *argv[] = {program, nullptr};
+        char program[] = "/usr/sbin/vinmand-logcheck", *argv[] = {program, nullptr};
         korvi_log_syslog(1, argv);
         korvi_error("%sChip probe failed on %s", "/dev/i2c-7");
         korvi_warning("%sUnsupported capturemode %d, defaulting to PAL", -5);
@@ -61,8 +57,7 @@ TEST(KorviLog, EachLevelReachesSyslogWithItsPriority)
     }
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    /* The child has exited: whatever it sent is queued on the socket. As
-     * syslog(3) sends it: "<PRI>timestamp ident[pid]: message". */
+    /* All the child sent is queued: "<PRI>timestamp ident[pid]: message". */
     const std::string tag = " vinmand-logcheck[" + std::to_string(pid) + "]: ";
     std::vector<std::string> got;
     char buf[2048];
@@ -77,11 +72,10 @@ TEST(KorviLog, EachLevelReachesSyslogWithItsPriority)
     ASSERT_TRUE(WIFEXITED(status)) << "child status " << status;
     if (WEXITSTATUS(status) != 0)
         GTEST_SKIP() << "cannot set up a private /dev/log: " << strerror(WEXITSTATUS(status));
-    EXPECT_EQ(got, (std::vector<std::string>{
-                       std::to_string(LOG_DAEMON | LOG_ERR) + " Chip probe failed on /dev/i2c-7",
-                       std::to_string(LOG_DAEMON | LOG_WARNING) +
-                           " Unsupported capturemode -5, defaulting to PAL",
-                       std::to_string(LOG_DAEMON | LOG_INFO) + " Starting vinmand."}));
+    /* LOG_DAEMON with LOG_ERR, LOG_WARNING and LOG_INFO */
+    EXPECT_EQ(got, (std::vector<std::string>{"27 Chip probe failed on /dev/i2c-7",
+                                             "28 Unsupported capturemode -5, defaulting to PAL",
+                                             "30 Starting vinmand."}));
 }
 
 } // namespace

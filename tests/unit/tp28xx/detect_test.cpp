@@ -21,6 +21,7 @@ TEST(Tp28xxReadFormat, ClassesDetailValuesAndStandards)
         uint8_t short_line;
         size_t reads;
     } cases[] = {
+        /* clang-format off */
         {0x27, LOCKED_TVI, 0x02, 0x00, 0x00, 0x00, VT_1080P30, VS_TVI, 0, 1},
         {0x27, 0x70, 0x02, 0x00, 0x00, 0x92, VT_1080P30, VS_CVI, 0, 25},
         {0x27, 0x70, 0x01, 0x00, 0x00, 0x90, 1, VS_AHD, 0, 25}, /* 0x90 does not count */
@@ -30,6 +31,7 @@ TEST(Tp28xxReadFormat, ClassesDetailValuesAndStandards)
         {0x27, LOCKED_TVI, 0x04, 0x00, 0x5D, 0x00, 4, VS_TVI, 0, 1},   /* only for the newer chip */
         {0x37, LOCKED_TVI, 0x02, 0x8C, 0x00, 0x00, VT_4K15, VS_TVI, 0, 1}, /* bit 8 ignored */
         {0x36, 0x70, 0x04, 0x7B, 0x5D, 0x00, 18, VS_AHD, 0, 0},
+        /* clang-format on */
     };
     for (const auto &c : cases) {
         fakechip::FakeChip chip;

@@ -111,9 +111,7 @@ const SetterDef setters[] = {
      SetterDef::CLOCK_1},
     {"PAL", sd<tp2827_video_mode_set_PAL>, "35=25 " + T_PAL + "02&17=07 " + PAL, "", "",
      SetterDef::CLOCK_1},
-    {"NTSC_2826", sd<tp2826_video_mode_set_NTSC>, "35=25 " + T_NTSC + "07&07=07 " + NTSC, "", "",
-     SetterDef::NONE},
-    /* The TP2826's PAL setter updates 0x07 as its NTSC setter does. */
+    /* The TP2826's SD setters update 0x07 instead of 0x02 and have no clock step. */
     {"PAL_2826", sd<tp2826_video_mode_set_PAL>, "35=25 " + T_PAL + "07&07=07 " + PAL, "", "",
      SetterDef::NONE},
     {"4K12", tp2827_video_mode_set_4K12,
