@@ -1,6 +1,6 @@
 /* The GPIO line functions against a recording stand-in of the GPIO library and
- * of usleep: lines behave as each case scripts them, and every call, sleeps,
- * releases and error messages included, is recorded in one sequence. */
+ * of usleep: lines behave as each case scripts them, and every call, sleep,
+ * release and error message is recorded in one sequence. */
 #include <cerrno>
 #include <deque>
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ namespace
  * repeating; without an entry, 0 (set_edge: 1). Lines not on the board fail. */
 using Script = std::map<std::string, std::deque<int>>;
 std::map<std::string, Script> lines;
-std::string calls; /* each call or error message followed by "; " */
+std::string calls;
 
 int step(const std::string &line, const char *op, const std::string &args = "")
 {
@@ -52,29 +52,40 @@ std::string write_calls(const std::string &line, int value, const std::string &f
            std::to_string(value) + "; " + failure + "close " + line + "; free " + line + "; ";
 }
 
-void capture_log(const gchar *, GLogLevelFlags level, const gchar *message, gpointer)
+/* A fresh board with these lines. */
+void fresh(const std::map<std::string, Script> &board)
 {
-    EXPECT_EQ(guint(level & G_LOG_LEVEL_MASK), guint(KORVI_LOG_LEVEL_ERROR)) << message;
-    calls += "error " + std::string(message) + "; ";
+    lines = board;
+    calls.clear();
+    g_log_set_default_handler(
+        [](const gchar *, GLogLevelFlags level, const gchar *message, gpointer) {
+            EXPECT_EQ(guint(level & G_LOG_LEVEL_MASK), guint(KORVI_LOG_LEVEL_ERROR)) << message;
+            calls += "error " + std::string(message) + "; ";
+        },
+        nullptr);
 }
+
+/* The result and the calls of one function on a fresh board with these lines. */
+std::string run(const std::map<std::string, Script> &board, int (*call)())
+{
+    fresh(board);
+    return std::to_string(call()) + ": " + calls;
+}
+
+const std::string R = "decoder_reset_0", I = "decoder_interrupt_0";
 
 } // namespace
 
 struct ugpio_t {
     std::string name;
 };
-
 ugpio_t *ugpio_request_named(const char *name)
 {
-    if (step(name, "request") != 0)
-        return nullptr;
-    return new ugpio_t{name};
+    return step(name, "request") == 0 ? new ugpio_t{name} : nullptr;
 }
-/* The rest of the library: calls recorded and answered by step(). */
 // clang-format off
 #define LINE_OP(ret, fn, op) ret fn(ugpio_t *ctx) { return ret(step(ctx->name, op)); }
 #define LINE_OP_ARG(fn, op) int fn(ugpio_t *ctx, int arg) { return step(ctx->name, op, " " + std::to_string(arg)); }
-// clang-format on
 LINE_OP(int, ugpio_full_open, "full_open")
 LINE_OP(int, ugpio_open_ro, "open_ro")
 LINE_OP(int, ugpio_get_value, "get_value")
@@ -82,44 +93,11 @@ LINE_OP(int, ugpio_fd, "fd")
 LINE_OP(void, ugpio_close, "close")
 LINE_OP_ARG(ugpio_set_value, "set_value")
 LINE_OP_ARG(ugpio_set_edge, "set_edge")
-void ugpio_free(ugpio_t *ctx)
-{
-    step(ctx->name, "free");
-    delete ctx;
-}
-int usleep(useconds_t usec) noexcept
-{
-    calls += "usleep " + std::to_string(usec) + "; ";
-    return 0;
-}
+void ugpio_free(ugpio_t *ctx) { step(ctx->name, "free"); delete ctx; }
+int usleep(useconds_t usec) noexcept { calls += "usleep " + std::to_string(usec) + "; "; return 0; }
+// clang-format on
 
-class Gpio : public testing::Test
-{
-  protected:
-    void SetUp() override { g_log_set_default_handler(capture_log, nullptr); }
-    void TearDown() override
-    {
-        g_log_set_default_handler(g_log_default_handler, nullptr);
-        fresh();
-    }
-    /* A board with no lines again. */
-    static void fresh()
-    {
-        lines.clear();
-        calls.clear();
-    }
-    /* The result and the calls of one function on a fresh board with these lines. */
-    static std::string run(const std::map<std::string, Script> &board, int (*call)())
-    {
-        fresh();
-        lines = board;
-        const int result = call();
-        return std::to_string(result) + ": " + calls;
-    }
-    const std::string R = "decoder_reset_0", I = "decoder_interrupt_0";
-};
-
-TEST_F(Gpio, ResetWriteRetriesAndFailures)
+TEST(Gpio, ResetLineRetriesAndPulse)
 {
     auto write0 = [] { return gpio_reset_write(0); };
     /* Any open result other than 0 fails for this line, a positive one too. */
@@ -132,7 +110,6 @@ TEST_F(Gpio, ResetWriteRetriesAndFailures)
               "-1: request " + R + "; " + attempts("full_open " + R, 10) +
                   "error Failed to full open GPIO decoder_reset_0; close " + R + "; free " + R +
                   "; ");
-
     EXPECT_EQ(run({{R, {}}}, gpio_reset_decoder),
               "0: " + write_calls(R, 1) + "usleep 10000; " + write_calls(R, 0) + "usleep 10000; ");
     /* Any non-zero write result is a failure; both writes and sleeps still happen. */
@@ -143,35 +120,31 @@ TEST_F(Gpio, ResetWriteRetriesAndFailures)
                   "error FAILED: write 0 to reset GPIO; usleep 10000; ");
 }
 
-TEST_F(Gpio, TerminationLines)
+TEST(Gpio, TerminationLinesAreTriedOnce)
 {
     const std::string T = "video_term_3";
-    const Script ok = {};
-    const std::map<std::string, Script> board = {
-        {"video_term_1", ok}, {"video_term_2", ok}, {T, ok}, {"video_term_4", ok}};
-    auto with = [&](const Script &script) {
-        auto b = board;
-        b[T] = script;
-        return b;
+    auto board = [&](const Script &line3) {
+        return std::map<std::string, Script>{
+            {"video_term_1", {}}, {"video_term_2", {}}, {T, line3}, {"video_term_4", {}}};
     };
-    EXPECT_EQ(run(board, [] { return gpio_set_video_termination(3, 7); }),
+    EXPECT_EQ(run(board({}), [] { return gpio_set_video_termination(3, 7); }),
               "0: " + write_calls("video_term_4", 7));
-    EXPECT_EQ(run(board, [] { return gpio_set_video_termination(4, 1); }), "-1: ");
-    EXPECT_EQ(run(board, [] { return gpio_set_video_termination(-1, 1); }), "-1: ");
-    /* Only a negative open result is a failure here, and nothing is retried. */
+    EXPECT_EQ(run(board({}), [] { return gpio_set_video_termination(4, 1); }), "-1: ");
+    EXPECT_EQ(run(board({}), [] { return gpio_set_video_termination(-1, 1); }), "-1: ");
+    /* Only a negative open result is a failure here. */
     auto set3 = [] { return gpio_set_video_termination(2, 1); };
-    EXPECT_EQ(run(with({{"full_open", {1}}}), set3), "0: " + write_calls(T, 1));
-    EXPECT_EQ(run(with({{"request", {-1, 0}}}), set3),
+    EXPECT_EQ(run(board({{"full_open", {1}}}), set3), "0: " + write_calls(T, 1));
+    EXPECT_EQ(run(board({{"request", {-1, 0}}}), set3),
               "-1: request " + T + "; error Failed to request named GPIO video_term_3; ");
-    EXPECT_EQ(run(with({{"full_open", {-EACCES, 0}}}), set3),
+    EXPECT_EQ(run(board({{"full_open", {-EACCES, 0}}}), set3),
               "-1: request " + T + "; full_open " + T +
                   "; error Failed to full open GPIO video_term_3; close " + T + "; free " + T +
                   "; ");
-    EXPECT_EQ(run(with({{"set_value", {-EIO}}}), set3),
+    EXPECT_EQ(run(board({{"set_value", {-EIO}}}), set3),
               "-1: " + write_calls(T, 1, "error Failed to set value 1 on GPIO video_term_3; "));
 }
 
-TEST_F(Gpio, IrqSetupAndCpuid)
+TEST(Gpio, InterruptLineAndCpuid)
 {
     /* Only 0 is a failed edge selection. */
     for (int edge_result : {1, -1, 0})
@@ -182,42 +155,40 @@ TEST_F(Gpio, IrqSetupAndCpuid)
                       "close " + I + "; free " + I + "; ");
     EXPECT_EQ(run({}, gpio_setup_irq), "-1: " + attempts("request " + I, 10) +
                                            "error Failed to request named GPIO " + I + "; ");
-
     /* The cpuid line is only looked for, once, without a word. */
     EXPECT_EQ(run({}, gpio_has_cpuid_bit0), "0: request cpuid_bit0; ");
     EXPECT_EQ(run({{"cpuid_bit0", {}}}, gpio_has_cpuid_bit0),
               "1: request cpuid_bit0; free cpuid_bit0; ");
-}
 
-TEST_F(Gpio, IrqHandleIsReadOnlyAndRequestedOnce)
-{
-    lines[I]["request"] = {-1, 0};
-    EXPECT_EQ(gpio_irq_open(), nullptr);
-    gpio_irq_close(gpio_irq_open());
-    lines[I]["open_ro"] = {-ENOENT};
-    EXPECT_EQ(gpio_irq_open(), nullptr);
-    EXPECT_EQ(calls, "request " + I + "; error Failed to request named GPIO " + I + "; request " +
-                         I + "; open_ro " + I + "; close " + I + "; free " + I + "; request " + I +
-                         "; open_ro " + I + "; error Failed to RO open GPIO " + I + "; free " + I +
-                         "; ");
+    /* The manager's handle: read-only, requested once, released on failure. */
+    auto open_close = [] {
+        ugpio_t *line = gpio_irq_open();
+        gpio_irq_close(line);
+        return line != nullptr ? 1 : 0;
+    };
+    EXPECT_EQ(run({{I, {{"request", {-1}}}}}, open_close),
+              "0: request " + I + "; error Failed to request named GPIO " + I + "; ");
+    EXPECT_EQ(run({{I, {}}}, open_close),
+              "1: request " + I + "; open_ro " + I + "; close " + I + "; free " + I + "; ");
+    EXPECT_EQ(run({{I, {{"open_ro", {-ENOENT}}}}}, open_close),
+              "0: request " + I + "; open_ro " + I + "; error Failed to RO open GPIO " + I +
+                  "; free " + I + "; ");
 }
 
 /* Descriptors stand in for the value file: poll reports a pipe's write end
  * without a reader as POLLERR, its read end without a writer as POLLHUP only,
  * and out-of-band data on a stream socket as POLLPRI. */
-TEST_F(Gpio, IrqPollReportsErrorAndPriorityEventsAsEdges)
+TEST(Gpio, InterruptPollTakesErrorAndPriorityEventsAsEdges)
 {
     int fds[2];
     ASSERT_EQ(pipe(fds), 0);
-    lines[I]["fd"] = {fds[1]};
-    ugpio_t *ctx = gpio_irq_open();
-    ASSERT_NE(ctx, nullptr);
-    calls.clear();
-    EXPECT_EQ(gpio_irq_poll(ctx, 0), 0) << "nothing pending: time-out";
+    fresh({{I, {{"fd", {fds[1]}}}}});
+    ugpio_t ctx{I};
+    EXPECT_EQ(gpio_irq_poll(&ctx, 0), 0) << "nothing pending: time-out";
     close(fds[0]);
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1) << "an edge, acknowledged";
+    EXPECT_EQ(gpio_irq_poll(&ctx, 1000), 1) << "an edge, acknowledged";
     lines[I]["get_value"] = {-EIO};
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1) << "an edge even when the value can't be read";
+    EXPECT_EQ(gpio_irq_poll(&ctx, 1000), 1) << "an edge even when the value can't be read";
     EXPECT_EQ(calls, "fd " + I + "; fd " + I + "; get_value " + I + "; fd " + I + "; get_value " +
                          I + "; error Failed to read GPIO " + I + "; ");
     close(fds[1]);
@@ -225,15 +196,14 @@ TEST_F(Gpio, IrqPollReportsErrorAndPriorityEventsAsEdges)
     ASSERT_EQ(pipe(fds), 0);
     close(fds[1]);
     lines[I]["fd"] = {fds[0]};
-    EXPECT_EQ(gpio_irq_poll(ctx, 1000), 0) << "a hang-up is not an edge";
+    EXPECT_EQ(gpio_irq_poll(&ctx, 1000), 0) << "a hang-up is not an edge";
     close(fds[0]);
 
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     lines[I]["fd"] = {fds[1]};
     if (send(fds[0], "!", 1, MSG_OOB) == 1) {
-        EXPECT_EQ(gpio_irq_poll(ctx, 1000), 1);
+        EXPECT_EQ(gpio_irq_poll(&ctx, 1000), 1);
     }
     close(fds[0]);
     close(fds[1]);
-    gpio_irq_close(ctx);
 }

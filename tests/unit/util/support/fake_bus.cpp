@@ -14,8 +14,7 @@
 namespace fake
 {
 
-std::atomic<bool> refuse_capture_mode{false};
-std::atomic<bool> refuse_overlay{false};
+std::atomic<bool> refuse_capture_mode{false}, refuse_overlay{false};
 
 namespace
 {
@@ -23,7 +22,6 @@ namespace
 std::mutex mutex;
 std::vector<std::string> journal;
 std::function<void()> call_hook;
-
 GTestDBus *test_bus = nullptr;
 std::thread server;
 std::atomic<bool> stop{false};
@@ -99,8 +97,7 @@ void start()
     });
 }
 
-class Teardown : public ::testing::Environment
-{
+struct Teardown : ::testing::Environment {
     void TearDown() override
     {
         if (test_bus == nullptr)
@@ -142,13 +139,9 @@ void bus_reset()
 {
     if (test_bus == nullptr)
         start();
-    refuse_capture_mode = false;
-    refuse_overlay = false;
+    refuse_capture_mode = refuse_overlay = false;
     bus_set_call_hook(nullptr);
-    {
-        std::lock_guard guard(mutex);
-        journal.clear();
-    }
+    journal_take();
     log_capture_start();
 }
 

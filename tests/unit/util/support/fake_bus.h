@@ -17,13 +17,11 @@ void journal_add(std::string entry);
 std::vector<std::string> journal_take();
 /* The entries so far that start with `prefix`, without taking them. */
 std::vector<std::string> journal_matching(const std::string &prefix);
-
 /* Starts the bus on first use; then no refusals, no hook, journal and log
  * capture cleared. */
 void bus_reset();
 /* The calls answer with an error while set. */
-extern std::atomic<bool> refuse_capture_mode;
-extern std::atomic<bool> refuse_overlay;
+extern std::atomic<bool> refuse_capture_mode, refuse_overlay;
 /* Runs on the services' thread inside every call, before the answer. */
 void bus_set_call_hook(std::function<void()> hook);
 
