@@ -1,16 +1,14 @@
 /* vboard-drive: the chip driver on its own against /dev/i2c-7, through the
  * entry points the daemon uses, printing what the chip reports on stdout.
  *
- *   identify                    reset pulse and probe: the chip's name
- *   lock SECONDS CH...          detection passes until each channel has locked
- *                               (and is programmed as the manager accepts it) or
- *                               SECONDS ran out: "ch 0 locked tvi 1080p25" or
- *                               "ch 0 no lock"
- *   program CH STD RES...       fixed formats, then up to 2 s for each channel's
- *                               full lock: "ch 0 cvi 4k12 locked line-length 4880
- *                               video 1" (video: video_status)
+ *   identify               reset pulse and probe: the chip's name
+ *   lock SECONDS CH...     detection passes until each channel has locked (and
+ *                          is programmed as the manager accepts it) or SECONDS
+ *                          ran out: "ch 0 locked tvi 1080p25" or "ch 0 no lock"
+ *   program CH STD RES...  fixed formats, then each channel's full lock as read
+ *                          from the chip: "ch 0 cvi 4k12 locked line-length 4880
+ *                          video 1" (video: video_status)
  * Exit status 1 when a format is refused or no chip answers, 2 on bad usage. */
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -25,21 +23,19 @@
 namespace
 {
 
-/* The chip needs a few hundred ms after a format is programmed before it
- * locks and the driver gives up after eleven confirmation steps: passes 50 ms
- * apart leave it ample time without the daemon's 2 s interval. */
+/* The chip locks a few hundred ms after a format is programmed and the driver
+ * gives up after eleven confirmation steps: passes 50 ms apart leave it ample
+ * time without the daemon's 2 s interval. */
 constexpr gulong PASS_INTERVAL_US = 50000;
-constexpr gint64 PROGRAM_WAIT_US = 2 * G_USEC_PER_SEC;
+constexpr gulong PROGRAM_SETTLE_US = 800000;
 
 void close_decoder(Decoder *dec)
 {
     for (int32_t i = 0; dec->channels && i < dec->nbr_channels; i++)
         g_free(dec->channels[i].chip_state);
     g_free(dec->channels);
-    if (dec->lock) {
-        g_mutex_clear(dec->lock);
-        g_free(dec->lock);
-    }
+    g_mutex_clear(dec->lock);
+    g_free(dec->lock);
     tp28xx_close(dec);
     g_free(dec);
 }
@@ -97,58 +93,41 @@ int cmd_lock(Decoder *dec, std::vector<int32_t> pending, double seconds)
                         video_type_to_string(type));
         }
         pending.swap(still);
-        if (!pending.empty())
-            g_usleep(PASS_INTERVAL_US);
+        g_usleep(pending.empty() ? 0 : PASS_INTERVAL_US);
     }
     for (int32_t index : pending)
         std::printf("ch %d no lock\n", index);
     return 0;
 }
 
-/* The channel's line length from its timing registers, and whether it has
- * fully locked (status bits 5 and 6; bit 4, sync, comes with any camera and is
- * all video_status needs). */
-bool full_lock(Decoder *dec, int32_t index, unsigned *line_length)
-{
-    Tp28xxPageScope scope(dec, index);
-    *line_length = static_cast<unsigned>((i2c_read_reg(scope.fd(), 0x1C) & 0x7F) << 8 |
-                                         i2c_read_reg(scope.fd(), 0x1D));
-    const int32_t status = i2c_read_reg(scope.fd(), 0x01);
-    return status >= 0 && (status & 0xE0) == 0x60;
-}
-
 int cmd_program(Decoder *dec, char **args, int count)
 {
-    std::vector<int32_t> programmed;
-    for (int i = 0; i + 2 < count; i += 3) {
+    g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
+    for (int i = 0; i < count; i += 3) {
         const int32_t index = parse_channel(args[i]);
         const int32_t standard = video_standard_from_string(args[i + 1]);
         const int32_t type = video_type_from_string(args[i + 2]);
-        g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
         if (index < 0 || is_valid_combo(dec->dec_chip == video_tp2827, standard, type, index) ||
             dec->ops.set_video_standard(&dec->channels[index], standard, type, 0, 1) != 0) {
             std::printf("ch %s %s %s refused\n", args[i], args[i + 1], args[i + 2]);
             return 1;
         }
-        programmed.push_back(index);
     }
-    for (int32_t index : programmed) {
-        const gint64 deadline = g_get_monotonic_time() + PROGRAM_WAIT_US;
-        unsigned length;
-        bool locked;
-        while (true) {
-            g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
-            locked = full_lock(dec, index, &length);
-            if (locked || g_get_monotonic_time() >= deadline)
-                break;
-            g_clear_pointer(&locker, g_mutex_locker_free);
-            g_usleep(10000);
+    g_usleep(PROGRAM_SETTLE_US);
+    for (int i = 0; i < count; i += 3) {
+        Channel *ch = &dec->channels[parse_channel(args[i])];
+        int32_t length, status;
+        {
+            /* Full lock is status bits 5 and 6; bit 4, sync, comes with any
+             * camera and is all video_status needs. */
+            Tp28xxPageScope scope(dec, ch->index);
+            length = (i2c_read_reg(scope.fd(), 0x1C) & 0x7F) << 8 | i2c_read_reg(scope.fd(), 0x1D);
+            status = i2c_read_reg(scope.fd(), 0x01);
         }
-        Channel *ch = &dec->channels[index];
-        g_autoptr(GMutexLocker) locker = g_mutex_locker_new(dec->lock);
-        std::printf("ch %d %s %s %s line-length %u video %d\n", index,
+        std::printf("ch %d %s %s %s line-length %d video %d\n", ch->index,
                     video_standard_to_string(ch->standard), video_type_to_string(ch->video_type),
-                    locked ? "locked" : "no-lock", length, dec->ops.video_status(ch));
+                    status >= 0 && (status & 0xE0) == 0x60 ? "locked" : "no-lock", length,
+                    dec->ops.video_status(ch));
     }
     return 0;
 }
@@ -170,9 +149,8 @@ int main(int argc, char **argv)
     std::vector<int32_t> channels;
     for (int i = 3; cmd == "lock" && i < argc; i++)
         channels.push_back(parse_channel(argv[i]));
-    const bool lock_ok = cmd == "lock" && !channels.empty() && std::atof(argv[2]) > 0 &&
-                         std::find(channels.begin(), channels.end(), -1) == channels.end();
-    if (!lock_ok && !(cmd == "identify" && argc == 2) &&
+    const bool lock_ok = argc > 3 && std::atof(argv[2]) > 0 && std::erase(channels, -1) == 0;
+    if (!(cmd == "lock" && lock_ok) && !(cmd == "identify" && argc == 2) &&
         !(cmd == "program" && argc >= 5 && (argc - 2) % 3 == 0)) {
         std::fprintf(stderr, "usage: vboard-drive identify | lock SECONDS CH... | "
                              "program CH STANDARD RESOLUTION...\n");
@@ -187,9 +165,7 @@ int main(int argc, char **argv)
     }
     if (cmd == "identify")
         std::printf("%s\n", dec->name);
-    else if (cmd == "lock")
-        return cmd_lock(dec.get(), channels, std::atof(argv[2]));
-    else
-        return cmd_program(dec.get(), argv + 2, argc - 2);
-    return 0;
+    return cmd == "lock"      ? cmd_lock(dec.get(), channels, std::atof(argv[2]))
+           : cmd == "program" ? cmd_program(dec.get(), argv + 2, argc - 2)
+                              : 0;
 }
