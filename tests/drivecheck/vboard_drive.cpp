@@ -1,14 +1,10 @@
 /* vboard-drive: the chip driver on its own against /dev/i2c-7, through the
- * entry points the daemon uses, printing what the chip reports on stdout.
- *
- *   identify               reset pulse and probe: the chip's name
- *   lock SECONDS CH...     detection passes until each channel has locked (and
- *                          is programmed as the manager accepts it) or SECONDS
- *                          ran out: "ch 0 locked tvi 1080p25" or "ch 0 no lock"
- *   program CH STD RES...  fixed formats, then each channel's full lock as read
- *                          from the chip: "ch 0 cvi 4k12 locked line-length 4880
- *                          video 1" (video: video_status)
- * Exit status 1 when a format is refused or no chip answers, 2 on bad usage. */
+ * entry points the daemon uses. "identify" prints the chip's name; "lock
+ * SECONDS CH..." runs detection passes until each channel has locked ("ch 0
+ * locked tvi 1080p25") or time ran out ("ch 0 no lock"); "program CH STD
+ * RES..." sets fixed formats and prints what the chip then shows ("ch 0 cvi
+ * 4k12 locked line-length 4880 video 1"). Exit status 1 when a format is
+ * refused or no chip answers, 2 on bad usage. */
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
