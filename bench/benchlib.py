@@ -1,18 +1,18 @@
 """What the benches on the virtual board share: the Board of scripts/run-on-vboard,
-the board's counters, the daemon's /proc figures and a client in the board's mount
-namespace. Works from the sources and from its copy in BUILD/bench/."""
+the board's counters and the daemon's /proc figures. Works from the sources and
+from its copy in BUILD/bench/."""
 
 import argparse
+import collections
 import importlib.machinery
-import json
 import os
 import statistics
-import subprocess
 import sys
 import time
 import types
 
 HERE = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))  # holds bench/
+sys.stdout.reconfigure(line_buffering=True)
 
 
 def cache_value(build, key):
@@ -26,23 +26,12 @@ def cache_value(build, key):
 
 # In a build tree HERE is the build directory and its cache names the sources.
 REPO = cache_value(HERE, "CMAKE_HOME_DIRECTORY") or HERE
-
-
-def _load_run_on_vboard():
-    path = os.path.join(REPO, "scripts", "run-on-vboard")
-    loader = importlib.machinery.SourceFileLoader("run_on_vboard", path)
-    module = types.ModuleType(loader.name)
-    module.__file__ = path
-    loader.exec_module(module)
-    return module
-
-
-rov = _load_run_on_vboard()
-Board, BoardError = rov.Board, rov.BoardError
-
-SERVICE = "com.korvi.Encoder"
-OBJECT = "/com/korvi/Encoder"
-ACQUIRED = "Acquired 'com.korvi.Encoder' on D-Bus message bus."
+_loader = importlib.machinery.SourceFileLoader(
+    "run_on_vboard", os.path.join(REPO, "scripts", "run-on-vboard"))
+rov = types.ModuleType(_loader.name)
+rov.__file__ = _loader.path
+_loader.exec_module(rov)
+Board, BoardError, SERVICE, OBJECT = rov.Board, rov.BoardError, rov.SERVICE, rov.OBJECT
 CHANNELS = 4
 I2C_TRANSFERS = ("i2c_pointer_writes", "i2c_reads", "i2c_register_writes", "i2c_address_sets")
 
@@ -51,51 +40,32 @@ def default_build(name="debug"):
     return HERE if REPO != HERE else os.path.join(REPO, "build", name)
 
 
-def parser(prog, doc):
-    p = argparse.ArgumentParser(prog=prog, description=doc.split("\n\n")[0])
+def parse_args(doc, argv=None, **options):
+    """--build and OPTIONS (name=default, typed by the default); needs root."""
+    p = argparse.ArgumentParser(description=doc.split("\n\n")[0])
     p.add_argument("--build", default=default_build())
-    return p
-
-
-def need_root(prog):
+    for name, default in options.items():
+        kind = {"action": "store_true"} if default is False else {"type": type(default)}
+        p.add_argument("--" + name.replace("_", "-"), default=default, **kind)
+    args = p.parse_args(argv)
     if os.geteuid() != 0:
-        sys.exit(f"{prog}: needs root (the board's mount namespace)")
-
-
-def log(text=""):
-    print(text, flush=True)
-
-
-def ms(seconds):
-    return f"{seconds * 1000:.0f} ms"
+        sys.exit(f"{p.prog}: needs root (the board's mount namespace)")
+    print(f"build {os.path.abspath(args.build)}")
+    return args
 
 
 def summary(values):
-    if not values:
-        return "no sample"
-    return (f"median {ms(statistics.median(values))}, min {ms(min(values))}, "
-            f"max {ms(max(values))} over {len(values)}")
-
-
-def percentiles(values):
-    """p50 and p99."""
-    q = statistics.quantiles(values, n=100, method="inclusive")
-    return q[49], q[98]
-
-
-def load_average():
-    return " ".join(f"{x:.2f}" for x in os.getloadavg())
+    ms = [f"{v * 1000:.0f} ms" for v in (statistics.median(values), min(values), max(values))]
+    return f"median {ms[0]}, min {ms[1]}, max {ms[2]} over {len(values)}"
 
 
 def wait_for(condition, timeout, what, interval=0.05):
     deadline = time.monotonic() + timeout
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         if time.monotonic() > deadline:
             raise BoardError(f"timed out after {timeout} s waiting for {what}")
         time.sleep(interval)
+    return value
 
 
 def wait_log(board, text, timeout):
@@ -106,8 +76,14 @@ def wait_log(board, text, timeout):
 def start_daemon(board, timeout=30):
     """Waits for the daemon to hold its bus name; returns its PID."""
     pid = wait_for(board.daemon_pid, 20, "the daemon to start")
-    wait_log(board, ACQUIRED, timeout)
+    wait_log(board, f"Acquired '{SERVICE}' on D-Bus message bus.", timeout)
     return pid
+
+
+def wait_connected(board, ch, state, timeout=30):
+    """Waits for the board to send the channel's connected event with STATE."""
+    board.ctl("wait", "--timeout", str(timeout), "connected", str(ch), str(state),
+              timeout=timeout + 10)
 
 
 def counters(board):
@@ -117,8 +93,7 @@ def counters(board):
 
 
 def delta(after, before):
-    return {k: after.get(k, 0) - before.get(k, 0) for k in set(after) | set(before)
-            if after.get(k, 0) != before.get(k, 0)}
+    return collections.Counter(after) - collections.Counter(before)  # counters only grow
 
 
 def transfers(c):
@@ -127,12 +102,11 @@ def transfers(c):
 
 def register_accesses(moved):
     """Register reads and writes summed over the page slots: {"reads 0x01": n}."""
-    out = {}
+    out = collections.Counter()
     for name, value in moved.items():
         parts = name.split()
         if len(parts) == 3 and parts[0] in ("reg_reads", "reg_writes"):
-            key = f"{parts[0][4:]} 0x{int(parts[2], 16):02x}"
-            out[key] = out.get(key, 0) + value
+            out[f"{parts[0][4:]} 0x{int(parts[2], 16):02x}"] += value
     return out
 
 
@@ -145,71 +119,20 @@ def locked_channels(board):
     return {i for i, row in enumerate(rows) if row[7] not in ("none", "disabled")}
 
 
-def daemon_locked(board):
-    return locked_channels(board) == set(range(CHANNELS))
+def wait_locked(board, what="every channel to lock", timeout=120):
+    wait_for(lambda: locked_channels(board) == set(range(CHANNELS)), timeout, what, 0.5)
 
 
 def proc_sample(pid):
-    """VmRSS, VmHWM, VmSize (kB), Threads and open fds of a process, with the
-    time; None once it is gone."""
+    """VmRSS, VmHWM (kB), Threads and open fds of a process, with the time; None
+    once it is gone."""
     s = {"t": time.monotonic()}
     try:
         with open(f"/proc/{pid}/status") as f:
-            for line in f:
-                key, _, value = line.partition(":")
-                if key in ("VmRSS", "VmHWM", "VmSize", "Threads"):
+            for key, _, value in (line.partition(":") for line in f):
+                if key in ("VmRSS", "VmHWM", "Threads"):
                     s[key] = int(value.split()[0])
         s["fds"] = len(os.listdir(f"/proc/{pid}/fd"))
     except OSError:
         return None
     return s
-
-
-def find_process(board, match):
-    """PID of the first of the board's descendants whose argv satisfies match."""
-    table = rov._process_table()
-    todo = [board.proc.pid]
-    while todo:
-        pid = todo.pop()
-        try:
-            with open(f"/proc/{pid}/cmdline", "rb") as f:
-                if match(f.read().split(b"\0")):
-                    return pid
-        except OSError:
-            pass
-        todo += table.get(pid, [])
-    return None
-
-
-class NamespaceClient:
-    """A python3 program in the daemon's mount namespace (the bus and the PTZ socket
-    at their usual paths), one JSON line out once ready, then one per request."""
-
-    def __init__(self, board, code):
-        env = dict(os.environ)
-        env.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
-        self.proc = subprocess.Popen(
-            ["nsenter", "--target", str(board.daemon_pid()), "--mount", "--",
-             "/usr/bin/python3", "-c", code],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, env=env)
-        self.hello = self._answer()
-
-    def _answer(self):
-        line = self.proc.stdout.readline()
-        if not line:
-            raise BoardError(f"the client ended (status {self.proc.wait()})")
-        return json.loads(line)
-
-    def request(self, **cmd):
-        self.proc.stdin.write(json.dumps(cmd) + "\n")
-        self.proc.stdin.flush()
-        return self._answer()
-
-    def close(self):
-        if self.proc.poll() is None:
-            try:
-                self.proc.stdin.close()  # the client ends at the end of its input
-                self.proc.wait(10)
-            except (OSError, subprocess.TimeoutExpired):
-                self.proc.kill()
-                self.proc.wait()

@@ -2,24 +2,22 @@
  * operation on the fake chip. Figures only. */
 #include <cstdio>
 #include <functional>
+#include <string>
 
 #include "decoder_types.h"
 #include "fake_chip.h"
 #include "tp28xx.h"
 
-namespace
-{
-
-void run(uint8_t chip_id)
+static void run(uint8_t chip_id)
 {
     fakechip::FakeChip chip;
+    chip.set_identity(chip_id);
+    chip.set(fakechip::ANY_PAGE, 0xB6, 0x0F); /* PTZ completion at once */
     const auto measure = [&](const std::string &what, const std::function<void()> &op) {
         chip.clear_log();
         op();
         printf("%-40s %5zu transactions\n", what.c_str(), chip.log().size());
     };
-    chip.set_identity(chip_id);
-    chip.set(fakechip::ANY_PAGE, 0xB6, 0x0F); /* PTZ completion at once */
     GMutex chip_lock;
     g_mutex_init(&chip_lock);
     Channel channels[4] = {};
@@ -65,8 +63,6 @@ void run(uint8_t chip_id)
         g_free(ch.chip_state);
     g_mutex_clear(&chip_lock);
 }
-
-} // namespace
 
 int main()
 {
