@@ -3,23 +3,13 @@
 namespace
 {
 
+/* The handles share the process's connection to the system bus, the one the
+ * daemon's own service is on, rather than opening a private one each: the
+ * daemon makes a handle for every settings change, and each private
+ * connection closed leaves a little of GLib's worker state behind. */
 GDBusConnection *open_system_bus(GError **error)
 {
-    g_autofree gchar *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
-    if (address == nullptr)
-        return nullptr;
-    auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    return g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, error);
-}
-
-/* Dropping the last reference closes a private connection and releases its
- * socket. No g_dbus_connection_close_sync() first: from a thread that does not
- * run a main loop, it leaves the connection's worker sources behind, about 5 kB
- * for every connection, and the daemon opens one for each call. */
-void close_connection(GDBusConnection **connection)
-{
-    g_clear_object(connection);
+    return g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
 }
 
 } // namespace
@@ -36,7 +26,7 @@ G_DEFINE_TYPE(CapcoreSystem, capcore_system, G_TYPE_OBJECT)
 
 static void capcore_system_dispose(GObject *object)
 {
-    close_connection(&CAPCORE_SYSTEM(object)->connection);
+    g_clear_object(&CAPCORE_SYSTEM(object)->connection);
     G_OBJECT_CLASS(capcore_system_parent_class)->dispose(object);
 }
 
@@ -214,7 +204,7 @@ G_DEFINE_TYPE(CapcoreInput, capcore_input, G_TYPE_OBJECT)
 
 static void capcore_input_dispose(GObject *object)
 {
-    close_connection(&CAPCORE_INPUT(object)->connection);
+    g_clear_object(&CAPCORE_INPUT(object)->connection);
     G_OBJECT_CLASS(capcore_input_parent_class)->dispose(object);
 }
 

@@ -66,26 +66,19 @@ VariantPtr make_value(gconstpointer value, gint type)
     }
 }
 
-/* Dropping the last reference closes a private connection and releases its
- * socket. No g_dbus_connection_close_sync() first: from a thread that does not
- * run a main loop, it leaves the connection's worker sources behind, about 5 kB
- * for every call, and the daemon makes one connection per call for as long as it
- * runs. */
 struct ConnectionDeleter {
     void operator()(GDBusConnection *connection) const { g_object_unref(connection); }
 };
 using ConnectionPtr = std::unique_ptr<GDBusConnection, ConnectionDeleter>;
 
-/* A connection of our own to the system bus, closed again when released. */
+/* Calls go over the process's shared connection to the system bus, the one
+ * the daemon's own service is on, rather than a private one each: a private
+ * connection costs a connect and an authentication for every event, and each
+ * one closed leaves a little of GLib's worker state behind, which adds up over
+ * months of cameras coming and going. */
 ConnectionPtr open_system_bus(GError **error)
 {
-    g_autofree gchar *address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error);
-    if (address == nullptr)
-        return nullptr;
-    auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                   G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
-    return ConnectionPtr(
-        g_dbus_connection_new_for_address_sync(address, flags, nullptr, nullptr, error));
+    return ConnectionPtr(g_bus_get_sync(G_BUS_TYPE_SYSTEM, nullptr, error));
 }
 
 /* One call to the event service; the reply or nullptr with error set. */
