@@ -1,5 +1,6 @@
 #include "fake_bus.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <mutex>
 #include <stdexcept>
@@ -26,6 +27,12 @@ GTestDBus *test_bus = nullptr;
 std::thread server;
 std::atomic<bool> stop{false};
 
+std::function<void()> current_hook()
+{
+    std::lock_guard guard(mutex);
+    return call_hook;
+}
+
 /* Every call to one of the services' objects lands here. */
 int serve(sd_bus_message *m, void *, sd_bus_error *)
 {
@@ -37,6 +44,7 @@ int serve(sd_bus_message *m, void *, sd_bus_error *)
     const char *iface = nullptr, *property = nullptr, *text = nullptr;
     std::string entry;
     std::atomic<bool> *refuse = nullptr;
+    const bool set = sd_bus_message_is_method_call(m, nullptr, "Set");
     if (sscanf(path, "/com/korvi/CaptureMode1/%d", &n) == 1 &&
         sd_bus_message_read(m, "i", &mode) >= 0) {
         entry = "SetCaptureMode(" + std::to_string(n) + ")=" + std::to_string(mode);
@@ -44,11 +52,9 @@ int serve(sd_bus_message *m, void *, sd_bus_error *)
     } else if (sscanf(path, "/com/korvi/ImageControl/%d/0", &n) == 1 &&
                sd_bus_message_read(m, "ssv", &iface, &property, "s", &text) >= 0) {
         entry = "CaptureFrequency(" + std::to_string(n) + ")=" + text;
-    } else if (sscanf(path, "/com/korvi/PrioritizedTextOverlay/%d", &n) == 1) {
-        const bool set = sd_bus_message_is_method_call(m, nullptr, "Set");
-        if ((set ? sd_bus_message_read(m, "su", &text, &priority)
-                 : sd_bus_message_read(m, "s", &text)) < 0)
-            return 0;
+    } else if (sscanf(path, "/com/korvi/PrioritizedTextOverlay/%d", &n) == 1 &&
+               (set ? sd_bus_message_read(m, "su", &text, &priority)
+                    : sd_bus_message_read(m, "s", &text)) >= 0) {
         entry = "Overlay(" + std::to_string(n) + ")." + (set ? "Set(" : "Unset(") + text +
                 (set ? "," + std::to_string(priority) : "") + ")";
         refuse = &refuse_overlay;
@@ -56,12 +62,7 @@ int serve(sd_bus_message *m, void *, sd_bus_error *)
         return 0;
     }
     journal_add(entry);
-    std::function<void()> hook;
-    {
-        std::lock_guard guard(mutex);
-        hook = call_hook;
-    }
-    if (hook)
+    if (auto hook = current_hook())
         hook();
     if (refuse != nullptr && *refuse)
         return sd_bus_reply_method_errorf(m, "com.korvi.Test.Error.Refused", "refused");
@@ -87,7 +88,7 @@ void start()
     }
     server = std::thread([bus] {
         while (!stop) {
-            int r = sd_bus_process(bus, nullptr);
+            const int r = sd_bus_process(bus, nullptr);
             if (r < 0)
                 break;
             if (r == 0)
@@ -129,9 +130,8 @@ std::vector<std::string> journal_matching(const std::string &prefix)
 {
     std::lock_guard guard(mutex);
     std::vector<std::string> found;
-    for (auto &entry : journal)
-        if (entry.starts_with(prefix))
-            found.push_back(entry);
+    std::copy_if(journal.begin(), journal.end(), std::back_inserter(found),
+                 [&](const std::string &e) { return e.starts_with(prefix); });
     return found;
 }
 
