@@ -1,9 +1,6 @@
-"""Shared helpers for the integration scenarios: where the build is, and how to
-start a virtual board around a command.
-
-The build directory comes from $VINMAN_BUILD_DIR (default build/asan). The
-board needs root (or unprivileged user namespaces) and FUSE; without them the
-scenarios are skipped with the reason."""
+"""Where the build is ($VINMAN_BUILD_DIR, default build/asan) and how to start
+a virtual board around a command. The board needs root and FUSE; without them
+the scenarios are skipped with the reason."""
 
 import os
 import shutil
@@ -38,14 +35,14 @@ def _skip_reason():
 
 
 def pytest_collection_modifyitems(config, items):
-    reason = _skip_reason()
-    if reason:
+    if reason := _skip_reason():
         for item in items:
             if "integration" in str(item.fspath):
                 item.add_marker(pytest.mark.skip(reason=reason))
 
 
 def board_env():
+    """vboard-ctl and vboard-probe on the PATH, no outer board's state."""
     env = dict(os.environ)
     env["PATH"] = os.pathsep.join([os.path.dirname(Paths.ctl), os.path.dirname(Paths.probe),
                                    env.get("PATH", "")])
@@ -55,35 +52,26 @@ def board_env():
 
 
 def run_board(script, *options, timeout=60):
-    """Runs `vboard run OPTIONS -- sh -c SCRIPT` to its end; vboard-ctl and
-    vboard-probe are on the PATH inside."""
+    """Runs `vboard run OPTIONS -- sh -c SCRIPT` to its end."""
     cmd = [Paths.vboard, "run", *options, "--", "sh", "-c", script]
     return subprocess.run(cmd, capture_output=True, text=True, timeout=timeout, env=board_env())
 
 
 class RunningBoard:
-    """A board kept running (COMMAND sleeps) and driven from outside with
-    vboard-ctl --state-dir."""
+    """A board kept running around a sleep."""
 
-    def __init__(self, *options, command=("sleep", "600")):
+    def __init__(self, *options):
         self.state = tempfile.mkdtemp(prefix="vboard-test.", dir="/tmp")
         self.proc = subprocess.Popen(
-            [Paths.vboard, "run", "--state-dir", self.state, *options, "--", *command],
+            [Paths.vboard, "run", "--state-dir", self.state, *options, "--", "sleep", "600"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             env=board_env())
         deadline = time.monotonic() + 30
         while not os.path.exists(os.path.join(self.state, "ready")):
             if self.proc.poll() is not None or time.monotonic() > deadline:
                 self.stop()
-                raise RuntimeError("board did not become ready: " + self.proc.stderr.read().decode())
+                raise RuntimeError("board not ready: " + self.proc.stderr.read().decode())
             time.sleep(0.02)
-
-    def ctl(self, *args, check=True):
-        r = subprocess.run([Paths.ctl, "--state-dir", self.state, *args], capture_output=True,
-                           text=True, timeout=30)
-        if check:
-            assert r.returncode == 0, f"vboard-ctl {args}: {r.stderr}"
-        return r
 
     def stop(self):
         if self.proc.poll() is None:
@@ -94,7 +82,6 @@ class RunningBoard:
             self.proc.kill()
             self.proc.wait()
         shutil.rmtree(self.state, ignore_errors=True)
-        return self.proc.returncode
 
 
 @pytest.fixture
@@ -102,9 +89,8 @@ def board_factory():
     boards = []
 
     def make(*options, **kwargs):
-        b = RunningBoard(*options, **kwargs)
-        boards.append(b)
-        return b
+        boards.append(RunningBoard(*options, **kwargs))
+        return boards[-1]
 
     yield make
     for b in boards:

@@ -1,6 +1,5 @@
 """The daemon's life on the virtual board: start-up, shutdown on a signal, and
-the bus name taken over in both directions. (A board without a chip is in the
-fault matrix.)"""
+the bus name taken over in both directions. (No chip: the fault matrix.)"""
 
 import os
 import signal
@@ -8,48 +7,44 @@ import stat
 
 import pytest
 
-from daemon import (ACQUIRED, ALLOW_REPLACEMENT, OBJECT, REPLACE, SERVICE, VIDEO, in_order,
-                    next_line, parse_config)
+from daemon import (ACQUIRED, ALLOW_REPLACEMENT, NOBODY, OBJECT, REPLACE, SERVICE, VIDEO,
+                    in_order, parse_config, read_file, wait_until)
 from daemon import boards  # noqa: F401  (the fixture of every scenario)
 
-CONNECTION = f"Connection open for '{SERVICE}' on D-Bus message bus."
-NOT_ACQUIRED = f"Could not acquire '{SERVICE}' on D-Bus message bus."
+DEFAULT_GROUP = [("standard", "5"), ("resolution", "31"), ("auto", "true"), ("configured", "false")]
 
 
 @pytest.mark.parametrize("chip,cpuid,sig", [("tp2827", True, signal.SIGTERM),
                                             ("tp2826", False, signal.SIGINT)])
 def test_start_up_then_a_signal_stops_the_threads_in_order(boards, chip, cpuid, sig):
-    board = boards(chip=chip, capture_modes=["2:1080p"], cpuid=cpuid)
+    board = boards(chip=chip, capture_modes=["2:1080p"], cpuid=cpuid, gate_open=False)
+    board.open_gate()
+    first_config = wait_until(lambda: read_file(board.config_path), 20, "the configuration file")
     board.wait_log(ACQUIRED)
     ptz = chip == "tp2827"  # only the TP2827 relays PTZ records
-    in_order(board.messages(), ["Starting vinmand.", "Init overlay handler",
-                                *(["Starting PTZ thread"] if ptz else []), CONNECTION,
-                                "Starting manager thread", ACQUIRED])
+    in_order(board.messages(), [
+        "Starting vinmand.", "Init overlay handler", *(["Starting PTZ thread"] if ptz else []),
+        f"Connection open for '{SERVICE}' on D-Bus message bus.", "Starting manager thread",
+        ACQUIRED])
     assert board.messages()[0] == "Starting vinmand."
     assert all(priority >= 6 for priority, _ in board.log()), board.log()
-
     # One "connected" = false event per channel, sent while the decoder is created.
     assert [(board.get("events", ch), board.get("connected", ch)) for ch in range(4)] == \
         [("1", "0")] * 4
     # No configuration file yet: the default one, every channel automatic.
-    first = parse_config(board.first_config)
-    assert list(first) == [f"Channel {ch}" for ch in range(4)]
-    for group in first.values():
-        assert list(group.items()) == [("standard", "5"), ("resolution", "31"),
-                                       ("auto", "true"), ("configured", "false")]
+    assert [(g, list(keys.items())) for g, keys in parse_config(first_config).items()] \
+        == [(f"Channel {ch}", DEFAULT_GROUP) for ch in range(4)]
 
-    # The video objects, and only them, with nothing detected yet; the video
-    # type follows the capture pipeline's mode (channel 2 starts in 1080p).
-    objects = board.busctl("call", SERVICE, OBJECT, "org.freedesktop.DBus.ObjectManager",
-                           "GetManagedObjects")["data"][0]
-    assert sorted(objects) == [f"{OBJECT}/{ch}" for ch in range(4)]
-    for ch in range(4):
-        props = objects[f"{OBJECT}/{ch}"][VIDEO]
-        assert props["DetectedType"]["data"] == "none"
-        assert props["VideoType"]["data"] == (4 if ch == 2 else 0)
+    # The video objects, and only them, with nothing detected yet, readable by
+    # anyone; the video type follows the capture pipeline's mode (channel 2
+    # starts in 1080p).
+    objects = board.call("GetManagedObjects", iface="org.freedesktop.DBus.ObjectManager",
+                         user=NOBODY)[0]
+    assert {path: (o[VIDEO]["DetectedType"], o[VIDEO]["VideoType"])
+            for path, o in objects.items()} == {
+        f"{OBJECT}/{ch}": ("none", 4 if ch == 2 else 0) for ch in range(4)}
     # A board with the cpuid_bit0 line is a multi-device one.
-    assert board.busctl("get-property", SERVICE, OBJECT, SERVICE,
-                        "MultiDeviceProperties")["data"] is cpuid
+    assert board.get_property("MultiDeviceProperties", user=NOBODY) is cpuid
     # Channels without video get the no-video text once the manager has run.
     for ch in range(4):
         board.wait("overlay", ch, "VIDEO_LOSS")
@@ -76,16 +71,14 @@ def test_start_up_then_a_signal_stops_the_threads_in_order(boards, chip, cpuid, 
 def test_bus_name_is_taken_over_both_ways_and_the_manager_keeps_running(boards):
     board = boards(chip="tp2827", gate_open=False)
     first = board.own_name(ALLOW_REPLACEMENT)
-    assert next_line(first) == "acquired"
+    first("acquired")
     board.open_gate()
     board.wait_log(ACQUIRED)
-    assert next_line(first) == "lost"
-
-    second = board.own_name(REPLACE)
-    assert next_line(second) == "acquired"
-    board.wait_log(NOT_ACQUIRED)
-    assert (3, NOT_ACQUIRED) in board.log()
-
+    first("acquired lost")
+    board.own_name(REPLACE)("acquired")
+    lost = f"Could not acquire '{SERVICE}' on D-Bus message bus."
+    board.wait_log(lost)
+    assert (3, lost) in board.log()
     # Still serving the chip: a camera plugged now is detected and locked.
     board.ctl("plug", "0", "tvi", "1080p25")
     board.wait_log("Accepted lock on new video type, update video config file: "
@@ -93,5 +86,3 @@ def test_bus_name_is_taken_over_both_ways_and_the_manager_keeps_running(boards):
     board.wait("capture-mode", 0, "3")
     board.wait("connected", 0, "1")
     assert "vinmand stopping." not in board.messages()
-    board.signal(signal.SIGTERM)
-    assert board.wait_exit() == 0
