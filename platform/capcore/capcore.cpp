@@ -106,9 +106,18 @@ gboolean capcore_system_wait_for_started(CapcoreSystem *system, GError **error)
         return FALSE;
     }
 
+    /* Once the video system runs, which is nearly always, one read answers.
+     * Only a system still starting is watched for its change signal: the
+     * daemon asks on every change of input type, and every subscription made
+     * and dropped leaves some of GLib's bookkeeping behind on the shared
+     * connection. */
+    int started = read_started(system->connection, error);
+    if (started != 0)
+        return started == 1;
+
     /* Signals are delivered on the context that is the thread's default when
-     * subscribing: a private one, iterated only here. The subscription is in
-     * place before Started is first read, so a start in between is not
+     * subscribing: a private one, iterated only here. Started is read again
+     * once the subscription is in place, so a start in between is not
      * missed. */
     GMainContext *context = g_main_context_new();
     g_main_context_push_thread_default(context);
@@ -121,7 +130,7 @@ gboolean capcore_system_wait_for_started(CapcoreSystem *system, GError **error)
     g_source_set_callback(timeout, on_start_timeout, &wait, nullptr);
     g_source_attach(timeout, context);
 
-    int started = read_started(system->connection, error);
+    started = read_started(system->connection, error);
     while (started == 0) {
         g_main_context_iteration(context, TRUE);
         if (wait.changed) {

@@ -9,10 +9,10 @@
  * Settings may only be applied once the video system has started.
  *
  * All three objects are GObjects, released with g_object_unref (g_autoptr
- * works). The system and input objects each hold a connection of their own to
- * the system bus (DBUS_SYSTEM_BUS_ADDRESS when set), closed when the object
- * goes. Failures are reported through the results and GErrors below; nothing
- * here aborts the process. */
+ * works). The system and input objects each hold a reference on the process's
+ * shared connection to the system bus (DBUS_SYSTEM_BUS_ADDRESS when set).
+ * Failures are reported through the results and GErrors below; nothing here
+ * aborts the process. */
 #pragma once
 
 #include <gio/gio.h>

@@ -10,8 +10,8 @@
  * interface com.korvi.Event1:
  *   Declare(s producer, a{sv} declaration) -> (i id)
  *   Send(s producer, i id, a{sv} values)
- * Every Declare and Send opens its own connection to the system bus
- * (DBUS_SYSTEM_BUS_ADDRESS when set), makes the one call and closes it again.
+ * Declare and Send are calls over the process's shared connection to the
+ * system bus (DBUS_SYSTEM_BUS_ADDRESS when set), made when first needed.
  *
  * The declaration a{sv}:
  *   "keys"      a{sv}  one entry per key, in the order the keys were added;
