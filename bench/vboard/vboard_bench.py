@@ -1,8 +1,6 @@
 #!/usr/bin/python3
-"""Prints two figures of the virtual board: register reads per second through the
-FUSE i2c-dev file (a 1-byte write and a 1-byte read each, by vboard-probe inside a
-board) and the time from starting `vboard run` to its ready file. Needs root.
-usage: bench/vboard/vboard_bench.py [BUILD_DIR] (default build/asan)"""
+"""Figures of the virtual board: register reads per second through the FUSE i2c-dev file
+(vboard-probe inside a board) and the time from `vboard run` to its ready file."""
 
 import os
 import subprocess
@@ -13,24 +11,19 @@ import time
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 import benchlib as bl  # noqa: E402
 
-build = os.path.abspath(sys.argv[1] if len(sys.argv) > 1 else bl.default_build("asan"))
+build = os.path.abspath(bl.parse_args(__doc__).build)
 vboard = os.path.join(build, "sim", "vboard", "vboard")
-if os.geteuid() != 0:
-    sys.exit("vboard_bench: needs root")
-
 r = subprocess.run([vboard, "run", "--", os.path.join(build, "sim", "probe", "vboard-probe"),
                     "loop", "20000"], capture_output=True, text=True, timeout=300)
 print("i2c round trips:", r.stdout.strip() or r.stderr.strip())
-
 times = []
 for _ in range(5):
-    with tempfile.TemporaryDirectory(prefix="vboard-bench.", dir="/tmp",
-                                     ignore_cleanup_errors=True) as state:
+    with tempfile.TemporaryDirectory(prefix="vboard-bench.", ignore_cleanup_errors=True) as state:
         start = time.monotonic()
         p = subprocess.Popen([vboard, "run", "--state-dir", state, "--", "sleep", "600"],
                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        bl.wait_for(lambda: os.path.exists(os.path.join(state, "ready")) or p.poll() is not None,
-                    60, "the board", interval=0.001)
+        bl.wait_for(lambda: os.path.exists(f"{state}/ready") or p.poll() is not None, 60,
+                    "the board", interval=0.001)
         times.append(time.monotonic() - start)
         p.terminate()
         p.wait(30)
