@@ -1,39 +1,24 @@
-/* Counts the I2C transactions (register reads and writes) of each chip driver
- * operation on the fake chip. Figures only. */
+/* I2C transactions (register reads and writes) of each driver operation on the fake chip. */
 #include <cstdio>
 #include <functional>
 #include <string>
 
-#include "decoder_types.h"
 #include "fake_chip.h"
-#include "tp28xx.h"
 
 static void run(uint8_t chip_id)
 {
-    fakechip::FakeChip chip;
-    chip.set_identity(chip_id);
+    fakechip::FakeDecoder d(chip_id);
+    fakechip::FakeChip &chip = d.chip;
+    Decoder &dec = d.dec;
+    Channel *channels = d.channels;
     chip.set(fakechip::ANY_PAGE, 0xB6, 0x0F); /* PTZ completion at once */
     const auto measure = [&](const std::string &what, const std::function<void()> &op) {
         chip.clear_log();
         op();
         printf("%-40s %5zu transactions\n", what.c_str(), chip.log().size());
     };
-    GMutex chip_lock;
-    g_mutex_init(&chip_lock);
-    Channel channels[4] = {};
-    Decoder dec = {};
-    dec.channels = channels;
-    dec.i2c_fd = chip.fd();
-    dec.chip_lock = &chip_lock;
-    dec.dec_chip = tp28xx_detect_chip(dec.i2c_fd);
-    tp28xx_fill_decoder(&dec);
     printf("== %s\n", dec.name);
     measure("common initialisation", [&] { tp28xx_common_init(dec.i2c_fd, dec.dec_chip); });
-    for (int i = 0; i < 4; i++) {
-        channels[i].index = i;
-        channels[i].decoder = &dec;
-        tp28xx_setup_channel(&channels[i]);
-    }
     for (int32_t type : {VT_1080P30, VT_1080P25, VT_720P30, VT_720P25, VT_PAL, VT_NTSC, VT_4K12,
                          VT_4K15, VT_1440P15, VT_1440P25, VT_1440P30})
         for (int32_t standard : {VS_TVI, VS_AHD, VS_CVI})
@@ -59,9 +44,6 @@ static void run(uint8_t chip_id)
     const uint8_t record[5] = {1, 0x00, 0xFF, 0x01, 0x80};
     if (dec.ops.transmit_ptz)
         measure("PTZ record", [&] { tp28xx_transmit_ptz(&dec, record, 5); });
-    for (Channel &ch : channels)
-        g_free(ch.chip_state);
-    g_mutex_clear(&chip_lock);
 }
 
 int main()

@@ -41,8 +41,7 @@ FakeChip::FakeChip()
     check(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, sv) == 0, "socketpair");
     driver_fd_ = sv[0];
     chip_fd_ = sv[1];
-    /* The sync barrier goes through a second descriptor of the driver's end,
-     * so the chip answers it after everything the driver sent before. */
+    /* The sync barrier goes through the driver's end, after all it sent before. */
     sync_fd_ = fcntl(driver_fd_, F_DUPFD_CLOEXEC, 0);
     null_fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC);
     check(sync_fd_ >= 0 && null_fd_ >= 0, "descriptors");
@@ -57,18 +56,11 @@ FakeChip::~FakeChip()
         close(fd);
 }
 
-void FakeChip::set_identity(uint8_t chip_id, uint8_t revision)
-{
-    set(ANY_PAGE, 0xFE, 0x28);
-    set(ANY_PAGE, 0xFF, chip_id);
-    set(ANY_PAGE, 0xFD, revision);
-}
-
 void FakeChip::set(int page, uint8_t reg, uint8_t value)
 {
     locked([&] {
         if (reg == PAGE_REG)
-            std::tie(page_, saved_page_) = std::pair(value, -1);
+            page_ = value, saved_page_ = -1;
         for (int p = 0; p < 256; p++)
             regs_[p][reg] = page == ANY_PAGE || p == page ? value : regs_[p][reg];
     });
@@ -78,14 +70,6 @@ void FakeChip::set_offline(bool offline)
 {
     /* /dev/null opened read-only refuses writes and reads 0 bytes. */
     locked([&] { check(dup2(offline ? null_fd_ : sync_fd_, driver_fd_) >= 0, "dup2"); });
-}
-
-size_t FakeChip::count(bool write, uint8_t reg)
-{
-    size_t n = 0;
-    for (const auto &t : log())
-        n += t.write == write && t.reg == reg;
-    return n;
 }
 
 std::vector<std::string> FakeChip::lines()
@@ -106,7 +90,6 @@ std::vector<std::string> FakeChip::expected(const std::string &sequence, uint8_t
         if (sscanf(step.c_str(), "?%2x", &reg) == 1) {
             out.push_back(line(page, reg));
         } else if (sscanf(step.c_str(), "%2x&%2x=%2x", &reg, &mask, &value) == 3) {
-            /* The merged value comes from the chip's answer at the read's place. */
             const size_t at = out.size();
             const bool read = at < done.size() && !done[at].write && done[at].reg == reg;
             out.push_back(line(page, reg));
@@ -128,7 +111,7 @@ void FakeChip::sync()
     ssize_t n;
     while ((n = recv(sync_fd_, reply, sizeof reply, 0)) < 0 && errno == EINTR)
         ;
-    /* Anything else is a register answer that the driver never collected. */
+    /* Anything else is a register answer the driver never collected. */
     check(n == sizeof SYNC_MSG, "sync answer");
 }
 

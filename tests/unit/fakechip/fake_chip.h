@@ -1,13 +1,9 @@
-/* A TP28xx decoder chip played by a thread on the far end of a socketpair.
- *
- * fd() is the driver's i2c-dev descriptor: a 1-byte message {reg} is answered
- * at once with the register's value (an empty answer for a failed read), a
- * 2-byte message {reg, value} is a write. Every transfer is logged with the
- * page (register 0x40) in effect; every other register exists once per page
- * and starts at 0. The accessors first wait until the chip has handled
- * everything the driver sent. */
+/* A TP28xx played by a thread on the far end of a socketpair; fd() is the driver's
+ * i2c-dev descriptor: {reg} reads (no answer: failed), {reg, value} writes. Registers
+ * but the page (0x40) exist per page. Accessors wait for all the driver sent. */
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <deque>
@@ -15,8 +11,10 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
+
+#include "decoder_types.h"
+#include "tp28xx.h"
 
 namespace fakechip
 {
@@ -36,7 +34,10 @@ class FakeChip
     ~FakeChip();
 
     int fd() const { return driver_fd_; }
-    void set_identity(uint8_t chip_id, uint8_t revision = 0x05);
+    void set_identity(uint8_t chip_id, uint8_t revision = 0x05)
+    {
+        set(ANY_PAGE, 0xFE, 0x28), set(ANY_PAGE, 0xFF, chip_id), set(ANY_PAGE, 0xFD, revision);
+    }
     void set(int page, uint8_t reg, uint8_t value); /* ANY_PAGE: on every page */
     uint8_t get(int page, uint8_t reg)              /* ANY_PAGE: on the selected one */
     {
@@ -57,20 +58,23 @@ class FakeChip
     {
         locked([&] { log_.clear(); });
     }
-    size_t count(bool write, uint8_t reg);
-    /* A page-scoped operation reads 0x40 first and puts that value back at
-     * its end: the reads of 0x40 whose value was not back by the next read of
-     * 0x40 (or by now). Setting 0x40 from the test starts afresh. */
+    size_t count(bool write, uint8_t reg)
+    {
+        const auto all = log();
+        return std::count_if(all.begin(), all.end(),
+                             [&](auto &t) { return t.write == write && t.reg == reg; });
+    }
+    /* Reads of 0x40 (a page-scoped operation begins) whose value was not back
+     * by the next one or by now; setting 0x40 from the test starts afresh. */
     int unrestored_pages()
     {
         return locked([&] { return unrestored_ + (saved_page_ >= 0 && saved_page_ != page_); });
     }
 
-    /* The log as lines "W 01 15=03" (page, register, value) and "R 01 02",
-     * and the lines of a sequence in the chip's notation starting on `page`:
-     * "0B=C0" writes 0xC0 to 0x0B, "?B6" reads 0xB6, "02&17=00" replaces the
-     * bits 0x17 of 0x02: a read, then a write of the value merged with the
-     * chip's answer at that place in the log. */
+    /* The log as lines "W 01 15=03" (page, register, value) and "R 01 02", and
+     * a sequence in the chip's notation from `page` as such lines: "0B=C0"
+     * writes, "?B6" reads, "02&17=00" reads and writes back the value with the
+     * bits 0x17 replaced, merged with the chip's answer at that place. */
     std::vector<std::string> lines();
     std::vector<std::string> expected(const std::string &sequence, uint8_t page);
 
@@ -93,6 +97,38 @@ class FakeChip
     std::vector<Transaction> log_;
     int saved_page_ = -1, unrestored_ = 0;
     std::thread thread_;
+};
+
+/* A decoder as tp28xx_create leaves it but for the bus, channels in auto mode. */
+struct FakeDecoder {
+    FakeChip chip;
+    GMutex chip_lock;
+    Channel channels[4] = {};
+    Decoder dec = {};
+
+    explicit FakeDecoder(uint8_t chip_id)
+    {
+        chip.set_identity(chip_id);
+        g_mutex_init(&chip_lock);
+        dec.chip_lock = &chip_lock;
+        dec.channels = channels;
+        dec.i2c_fd = chip.fd();
+        dec.dec_chip = tp28xx_detect_chip(dec.i2c_fd);
+        tp28xx_fill_decoder(&dec);
+        for (int i = 0; i < 4; i++) {
+            channels[i].index = i;
+            channels[i].decoder = &dec;
+            channels[i].video_type = VT_AUTO;
+            channels[i].auto_mode = 1;
+            tp28xx_setup_channel(&channels[i]);
+        }
+    }
+    ~FakeDecoder()
+    {
+        for (Channel &c : channels)
+            g_free(c.chip_state);
+        g_mutex_clear(&chip_lock);
+    }
 };
 
 } // namespace fakechip
