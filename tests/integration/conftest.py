@@ -1,12 +1,10 @@
-"""Where the build is ($VINMAN_BUILD_DIR, default build/asan) and how to start
-a virtual board around a command. The board needs root and FUSE; without them
-the scenarios are skipped with the reason."""
+"""The build ($VINMAN_BUILD_DIR, default build/asan) and virtual boards around a
+command; without root, FUSE or the build the scenarios are skipped."""
 
 import os
 import shutil
 import subprocess
 import tempfile
-import time
 
 import pytest
 
@@ -22,16 +20,12 @@ class Paths:
 
 
 def _skip_reason():
-    if os.geteuid() != 0:
-        return "the virtual board's integration tests run as root (mount namespace, FUSE)"
-    if not os.path.exists("/dev/fuse"):
-        return "no /dev/fuse on this machine"
+    if os.geteuid() != 0 or not os.path.exists("/dev/fuse"):
+        return "the virtual board runs as root with /dev/fuse (mount namespace, FUSE)"
     for p in (Paths.vboard, Paths.ctl, Paths.probe):
         if not os.access(p, os.X_OK):
             return f"{p} is not built (set VINMAN_BUILD_DIR to the build directory)"
-    if shutil.which("dbus-daemon") is None:
-        return "dbus-daemon is not installed"
-    return None
+    return None if shutil.which("dbus-daemon") else "dbus-daemon is not installed"
 
 
 def pytest_collection_modifyitems(config, items):
@@ -41,8 +35,7 @@ def pytest_collection_modifyitems(config, items):
                 item.add_marker(pytest.mark.skip(reason=reason))
 
 
-def board_env():
-    """vboard-ctl and vboard-probe on the PATH, no outer board's state."""
+def board_env():  # vboard-ctl and vboard-probe on the PATH, no outer board's state
     env = dict(os.environ)
     env["PATH"] = os.pathsep.join([os.path.dirname(Paths.ctl), os.path.dirname(Paths.probe),
                                    env.get("PATH", "")])
@@ -51,27 +44,22 @@ def board_env():
     return env
 
 
-def run_board(script, *options, timeout=60):
-    """Runs `vboard run OPTIONS -- sh -c SCRIPT` to its end."""
+def run_board(script, *options, timeout=60):  # `vboard run OPTIONS -- sh -c SCRIPT`
     cmd = [Paths.vboard, "run", *options, "--", "sh", "-c", script]
     return subprocess.run(cmd, capture_output=True, text=True, timeout=timeout, env=board_env())
 
 
-class RunningBoard:
-    """A board kept running around a sleep."""
-
+class RunningBoard:  # a board kept running around a sleep
     def __init__(self, *options):
         self.state = tempfile.mkdtemp(prefix="vboard-test.", dir="/tmp")
         self.proc = subprocess.Popen(
             [Paths.vboard, "run", "--state-dir", self.state, *options, "--", "sleep", "600"],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             env=board_env())
-        deadline = time.monotonic() + 30
-        while not os.path.exists(os.path.join(self.state, "ready")):
-            if self.proc.poll() is not None or time.monotonic() > deadline:
-                self.stop()
-                raise RuntimeError("board not ready: " + self.proc.stderr.read().decode())
-            time.sleep(0.02)
+        if subprocess.run([Paths.ctl, "--state-dir", self.state, "wait", "--timeout", "30",
+                           "ready"], capture_output=True).returncode:
+            self.stop()
+            raise RuntimeError("board not ready: " + self.proc.stderr.read().decode())
 
     def stop(self):
         if self.proc.poll() is None:
@@ -87,11 +75,16 @@ class RunningBoard:
 @pytest.fixture
 def board_factory():
     boards = []
-
-    def make(*options, **kwargs):
-        boards.append(RunningBoard(*options, **kwargs))
-        return boards[-1]
-
-    yield make
+    yield lambda *options: boards.append(RunningBoard(*options)) or boards[-1]
     for b in boards:
         b.stop()
+
+
+@pytest.fixture
+def boards():  # daemons on boards; each must end with status 0 (no sanitizer error or leak)
+    from daemon import Board
+    started = []
+
+    yield lambda **kwargs: started.append(Board()) or started[-1].start(**kwargs)
+    if complaints := [c for c in (board.stop() for board in started) if c]:
+        pytest.fail("\n".join(complaints))

@@ -1,13 +1,11 @@
-"""The unmodified vinmand on a virtual board. The launcher leaves its PID in
-the state directory and waits for a "go" file there before it execs the daemon,
-so a scenario can prepare the board first. Clients run inside the board's
-mount namespace (nsenter), where the bus and the PTZ socket sit at the
-encoder's own paths. Every wait is bounded."""
+"""The unmodified vinmand on a virtual board, its clients in the board's mount
+namespace, where the bus and the PTZ socket sit at their paths."""
 
 import configparser
 import ctypes
 import json
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -20,21 +18,15 @@ import pytest
 
 from conftest import REPO, Paths, board_env
 
-POLICY = os.path.join(REPO, "data", "com.korvi.Encoder.conf")
-SERVICE = "com.korvi.Encoder"
-OBJECT = "/com/korvi/Encoder"
-VIDEO = "com.korvi.Encoder.Video"
+SERVICE, OBJECT, VIDEO = "com.korvi.Encoder", "/com/korvi/Encoder", "com.korvi.Encoder.Video"
 ERROR = "com.korvi.Encoder.Error."
 ACQUIRED = f"Acquired '{SERVICE}' on D-Bus message bus."
-ACCESS_DENIED = "org.freedesktop.DBus.Error.AccessDenied"
 NOBODY = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"]
-ALLOW_REPLACEMENT, REPLACE = 1, 2
-
+# Leaves its PID (the daemon's) and execs the daemon once a "go" file is there.
 LAUNCHER = ('echo $$ > "$VBOARD_STATE_DIR/pid"; '
             'until [ -e "$VBOARD_STATE_DIR/go" ]; do sleep 0.02; done; exec "$0"')
 SYSLOG_LINE = re.compile(r"^<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)\[(\d+)\]: ?(.*)$")
-GDBUS_ERROR = re.compile(r"GDBus\.Error:([\w.]+): (.*)")
-# Owns a bus name with the flags in argv[2]; adds each change of ownership to the file argv[3].
+# Owns the name argv[1] with the flags argv[2]; appends each change of ownership to argv[3].
 NAME_OWNER = """
 import sys
 from gi.repository import Gio, GLib
@@ -55,7 +47,7 @@ class DBusError(Exception):  # (error name, message)
     pass
 
 
-def wait_until(condition, timeout, what):  # returns condition()'s first true value
+def wait_until(condition, timeout, what):  # condition()'s first true value
     deadline = time.monotonic() + timeout
     while not (value := condition()):
         if time.monotonic() > deadline:
@@ -65,11 +57,7 @@ def wait_until(condition, timeout, what):  # returns condition()'s first true va
 
 
 def read_file(path):
-    try:
-        with open(path, errors="replace") as f:
-            return f.read()
-    except OSError:
-        return ""
+    return pathlib.Path(path).read_text(errors="replace") if os.path.exists(path) else ""
 
 
 def parse_config(text):  # {group: {key: value}}, in file order
@@ -86,30 +74,26 @@ def in_order(messages, expected):
 
 
 class Board:
-    def __init__(self, chip="tp2827", cameras=(), config=None, capture_modes=(), cpuid=True):
-        self.options = ["--chip", chip, *([] if cpuid else ["--no-cpuid"])]
-        self.options += [x for cam in cameras for x in ("--camera", cam)]
-        self.options += [x for mode in capture_modes for x in ("--capture-mode", mode)]
-        self.config, self.exit_code, self._helpers = config, None, []
-
-    def start(self, gate_open=True, timeout=30):
+    def start(self, chip="tp2827", cameras=(), config=None, capture_modes=(), cpuid=True,
+              gate_open=True):
         self.state = tempfile.mkdtemp(prefix="vd.", dir="/tmp")
-        cmd = [Paths.vboard, "run", "--state-dir", self.state, "--policy", POLICY, *self.options]
-        if self.config is not None:
-            with open(os.path.join(self.state, "seed.conf"), "w") as f:
-                f.write(self.config)
-            cmd += ["--config", f.name]
+        self.exit_code, self._helpers = None, []
+        cmd = [Paths.vboard, "run", "--state-dir", self.state, "--chip", chip, "--policy",
+               os.path.join(REPO, "data", f"{SERVICE}.conf"), *([] if cpuid else ["--no-cpuid"])]
+        cmd += [x for cam in cameras for x in ("--camera", cam)]
+        cmd += [x for mode in capture_modes for x in ("--capture-mode", mode)]
+        if config is not None:
+            pathlib.Path(self.state, "seed.conf").write_text(config)
+            cmd += ["--config", os.path.join(self.state, "seed.conf")]
         self._out = open(os.path.join(self.state, "vboard.out"), "w+b")
         # Its own session, and SIGTERM should the test runner die.
         self.proc = subprocess.Popen(
             [*cmd, "--", "/bin/sh", "-c", LAUNCHER, Paths.daemon], stdin=subprocess.DEVNULL,
             stdout=self._out, stderr=subprocess.STDOUT, env=board_env(), start_new_session=True,
             preexec_fn=lambda: ctypes.CDLL(None).prctl(1, signal.SIGTERM))
-        self.ctl("wait", "--timeout", str(timeout), "ready", timeout=timeout + 10)
-        pid_file = os.path.join(self.state, "pid")
-        # The launcher's PID, which the daemon keeps when it is started.
-        self.pid = int(wait_until(lambda: read_file(pid_file).strip(), timeout,
-                                  "the launcher"))
+        self.ctl("wait", "--timeout", "30", "ready", timeout=40)
+        pid_file = os.path.join(self.state, "pid")  # the launcher's, which the daemon keeps
+        self.pid = int(wait_until(lambda: read_file(pid_file).strip(), 30, "the launcher"))
         if gate_open:
             self.open_gate()
         return self
@@ -118,26 +102,17 @@ class Board:
         open(os.path.join(self.state, "go"), "w").close()
 
     def wait_exit(self, timeout=30):  # the daemon's (and so the board's) status
-        try:
-            self.exit_code = self.proc.wait(timeout)
-        except subprocess.TimeoutExpired:
-            pytest.fail(f"the daemon did not end within {timeout} s:\n" + self.log_text())
+        self.exit_code = self.proc.wait(timeout)
         return self.exit_code
 
-    def signal(self, sig):
-        os.kill(self.pid, sig)
-
     def stop(self):  # a complaint unless the daemon ended with status 0
-        for proc in self._helpers:
-            proc.kill()
-            proc.wait()
-        if self.proc.poll() is None:
-            self.proc.terminate()
-            try:
-                self.proc.wait(20)
-            except subprocess.TimeoutExpired:  # reported as status -9
-                os.killpg(self.proc.pid, signal.SIGKILL)
-                self.proc.wait()
+        [proc.kill() or proc.wait() for proc in self._helpers]
+        self.proc.terminate()  # nothing if it has ended
+        try:
+            self.proc.wait(20)
+        except subprocess.TimeoutExpired:  # reported as status -9
+            os.killpg(self.proc.pid, signal.SIGKILL)
+            self.proc.wait()
         code, output = self.proc.returncode, self.board_output()[-4000:]
         self._out.close()
         shutil.rmtree(self.state, ignore_errors=True)
@@ -148,12 +123,9 @@ class Board:
         self._out.flush()
         return read_file(self._out.name)
 
-    @property
-    def config_path(self):
-        return os.path.join(self.state, "etc-encoder", "video.conf")
-
-    def config_file(self):
-        return parse_config(read_file(self.config_path))
+    def config_file(self, raw=False):
+        text = read_file(os.path.join(self.state, "etc-encoder", "video.conf"))
+        return text if raw else parse_config(text)
 
     def ctl(self, *args, timeout=30):
         r = subprocess.run([Paths.ctl, "--state-dir", self.state, *args], capture_output=True,
@@ -173,50 +145,34 @@ class Board:
     def status(self):
         return json.loads(self.ctl("status", "--json"))
 
-    def regs(self, page):  # the page's 256 registers
-        lines = self.ctl("regs", str(page)).splitlines()[2:]
-        return [int(v, 16) for line in lines for v in line.split(":")[1].split()]
-
-    def log_text(self):
-        if self.proc.poll() is None:
-            return self.ctl("log")
-        return read_file(os.path.join(self.state, "syslog.log"))
-
     def log(self):  # the daemon's messages as (priority, text), no debug lines
-        matches = map(SYSLOG_LINE.match, self.log_text().splitlines())
+        text = self.ctl("log") if self.proc.poll() is None else read_file(
+            os.path.join(self.state, "syslog.log"))
+        matches = map(SYSLOG_LINE.match, text.splitlines())
         return [(int(m.group(1)) & 7, m.group(4)) for m in matches
                 if m and m.group(2) == "vinmand" and int(m.group(1)) & 7 <= 6]
 
-    def messages(self):
-        return [text for _, text in self.log()]
+    def messages(self, start=0):
+        return [text for _, text in self.log()][start:]
 
     def wait_log(self, text, timeout=30):
         self.ctl("wait", "--timeout", str(timeout), "log", text, timeout=timeout + 10)
 
-    def wait_count(self, text, count, timeout=30):
-        wait_until(lambda: self.messages().count(text) >= count, timeout,
-                   f"{count} x '{text}' in the log")
-
-    def _nsenter(self, cmd, user=None):  # user=NOBODY: an unprivileged caller
-        return ["nsenter", "--target", str(self.pid), "--mount", "--", *(user or []), *cmd]
-
-    def inside(self, *cmd, user=None):
-        return subprocess.run(self._nsenter(cmd, user), capture_output=True, text=True,
-                              timeout=30, env=CLIENT_ENV)
-
-    def spawn_inside(self, *cmd):  # stopped with the board
-        self._helpers.append(subprocess.Popen(
-            self._nsenter(cmd), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, text=True, env=CLIENT_ENV))
+    def inside(self, *cmd, user=None, spawn=False):  # user=NOBODY: an unprivileged caller
+        cmd = ["nsenter", "--target", str(self.pid), "--mount", "--", *(user or []), *cmd]
+        if not spawn:
+            return subprocess.run(cmd, capture_output=True, text=True, timeout=30, env=CLIENT_ENV)
+        self._helpers.append(subprocess.Popen(  # stopped with the board
+            cmd, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            text=True, env=CLIENT_ENV))
         return self._helpers[-1]
 
-    def call(self, method, *args, user=None, path=OBJECT, iface=SERVICE):
-        """gdbus call: the reply's values as a tuple, or DBusError."""
+    def call(self, method, *args, user=None, path=OBJECT, iface=SERVICE):  # or DBusError
         from gi.repository import GLib
         r = self.inside("gdbus", "call", "--system", "--dest", SERVICE, "--object-path", path,
                         "--method", f"{iface}.{method}", "--", *map(str, args), user=user)
         if r.returncode != 0:
-            if not (m := GDBUS_ERROR.search(r.stderr)):
+            if not (m := re.search(r"GDBus\.Error:([\w.]+): (.*)", r.stderr)):
                 pytest.fail(f"gdbus {method} {args}: {r.stderr.strip()}")
             raise DBusError(m.group(1), m.group(2).strip())
         return GLib.Variant.parse(None, r.stdout.strip(), None, None).unpack()
@@ -238,11 +194,9 @@ class Board:
     def list_config(self):  # a dict per channel
         return [dict(zip(LIST_KEYS, row)) for row in self.call("ListConfig")[0]]
 
-    def own_name(self, flags):
-        """A process inside the board that owns the service's name with FLAGS;
-        the returned function waits until it has said WORDS ("acquired lost")."""
+    def own_name(self, flags):  # 1: allow replacement, 2: replace; a wait for its words
         path = os.path.join(self.state, f"owner.{flags}")
-        self.spawn_inside(sys.executable, "-c", NAME_OWNER, SERVICE, str(flags), path)
+        self.inside(sys.executable, "-c", NAME_OWNER, SERVICE, str(flags), path, spawn=True)
         return lambda words: wait_until(lambda: read_file(path).split() == words.split(),
                                         20, f"the name owner to say '{words}'")
 
@@ -251,17 +205,37 @@ class Board:
         assert r.returncode == 0, r.stderr
 
 
-@pytest.fixture
-def boards():
-    """`boards(chip=..., cameras=[...])`; at the end every daemon must stop with
-    status 0, which under the sanitizer builds also means no error or leak."""
-    started = []
+LOCK = "Accepted lock on new video type, update video config file: type {} on channel {}, video "
+CHANGED = "VIDEO_INPUT_CONFIGURATION_CHANGED"
+# Once taken: type and standard numbers (file, lock message), capture mode and
+# frequency, DetectedType, VideoType, video system's video_typeN, GetVideoProperties.
+CAMERAS = {"tvi:1080p25": (3, 0, 3, "50Hz", "HDTV1080p", 4, 0, (False, 4, 1.0, 25.0)),
+           "cvbs:pal": (8, 3, 1, "50Hz", "PAL", 0, 1, (True, 0, 2.75, 25.0)),
+           "cvbs:ntsc": (9, 3, 2, "60Hz", "NTSC", 1, 2, (True, 1, 2.75, 30.0)),
+           "ahd:720p30": (4, 1, 4, "60Hz", "HDTV720p", 2, 0, (False, 2, 1.0, 30.0))}
 
-    def make(gate_open=True, **kwargs):
-        started.append(Board(**kwargs))
-        return started[-1].start(gate_open=gate_open)
 
-    yield make
-    complaints = [c for c in (board.stop() for board in started) if c]
-    if complaints:
-        pytest.fail("\n".join(complaints))
+def check_taken(board, ch, camera, auto, mode_changed, published_type=None):
+    """What the daemon tells the rest of the encoder about a channel carrying CAMERA."""
+    vtype, standard, mode, freq, detected, video_type, setting, props = CAMERAS[camera]
+    board.wait("connected", ch, "1", timeout=45)
+    board.wait_property(ch, "DetectedType", detected)
+    board.wait("overlay", ch, CHANGED if mode_changed else "-")
+    group = wait_until(lambda: (g := board.config_file()[f"Channel {ch}"])["configured"] == "true"
+                       and g, 15, f"channel {ch} saved as configured")
+    assert group == {"standard": str(standard), "resolution": str(vtype),
+                     "auto": "true" if auto else "false", "configured": "true"}
+    assert board.get_property("VideoType", ch) == (
+        video_type if published_type is None else published_type)
+    row = board.list_config()[ch]
+    assert [row[k] for k in ("standard", "resolution", "auto", "capture_mode_changed")] == [
+        *camera.split(":"), auto, mode_changed]
+    assert board.call("GetVideoProperties", ch) == (*props, mode_changed)
+    status = board.status()
+    c, overlay = status["channels"][ch], status["services"]["overlay"][ch]
+    # connected = true sent once, after the start-up's false
+    assert [c["locked"], c["capture_mode"], c["capture_frequency"], c["video_type"], c["events"],
+            status["services"]["capture"][ch]["set_capture_mode_calls"]] == [
+        True, mode, freq, setting, 2, int(mode_changed)]
+    # Every text shown was removed again but the configuration change's.
+    assert overlay["unset_calls"] == overlay["set_calls"] - mode_changed, overlay
