@@ -1,5 +1,4 @@
-"""The build ($VINMAN_BUILD_DIR, default build/asan) and virtual boards around a
-command; without root, FUSE or the build the scenarios are skipped."""
+"""The build ($VINMAN_BUILD_DIR, default build/asan) and virtual boards around a command."""
 
 import os
 import shutil
@@ -29,10 +28,9 @@ def _skip_reason():
 
 
 def pytest_collection_modifyitems(config, items):
-    if reason := _skip_reason():
-        for item in items:
-            if "integration" in str(item.fspath):
-                item.add_marker(pytest.mark.skip(reason=reason))
+    for item in items if (reason := _skip_reason()) else []:
+        if "integration" in str(item.fspath):
+            item.add_marker(pytest.mark.skip(reason=reason))
 
 
 def board_env():  # vboard-ctl and vboard-probe on the PATH, no outer board's state

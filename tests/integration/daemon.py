@@ -1,5 +1,4 @@
-"""The unmodified vinmand on a virtual board, its clients in the board's mount
-namespace, where the bus and the PTZ socket sit at their paths."""
+"""The unmodified vinmand on a virtual board, clients in its mount namespace."""
 
 import configparser
 import ctypes
@@ -27,14 +26,12 @@ LAUNCHER = ('echo $$ > "$VBOARD_STATE_DIR/pid"; '
             'until [ -e "$VBOARD_STATE_DIR/go" ]; do sleep 0.02; done; exec "$0"')
 SYSLOG_LINE = re.compile(r"^<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[:]+)\[(\d+)\]: ?(.*)$")
 # Owns the name argv[1] with the flags argv[2]; appends each change of ownership to argv[3].
-NAME_OWNER = """
-import sys
+NAME_OWNER = """import sys
 from gi.repository import Gio, GLib
 say = lambda text: lambda c, n: open(sys.argv[3], "a").write(text + " ")
 Gio.bus_own_name(Gio.BusType.SYSTEM, sys.argv[1], Gio.BusNameOwnerFlags(int(sys.argv[2])), None,
                  say("acquired"), say("lost"))
-GLib.MainLoop().run()
-"""
+GLib.MainLoop().run()"""
 PTZ_CLIENT = ("import socket, sys; s = socket.socket(socket.AF_UNIX); "
               "s.connect('/run/vidhostd/coax.socket'); s.sendall(bytes.fromhex(sys.argv[1]))")
 # Clients find the board's bus at its fixed path, never one of the caller's.
@@ -187,9 +184,8 @@ class Board:
                          path=OBJECT if channel is None else f"{OBJECT}/{channel}",
                          iface="org.freedesktop.DBus.Properties")[0]
 
-    def wait_property(self, channel, name, value, timeout=30):
-        wait_until(lambda: self.get_property(name, channel) == value, timeout,
-                   f"{OBJECT}/{channel} {name} = {value!r}")
+    def wait_property(self, channel, name, value):
+        wait_until(lambda: self.get_property(name, channel) == value, 30, f"{channel} {name}")
 
     def list_config(self):  # a dict per channel
         return [dict(zip(LIST_KEYS, row)) for row in self.call("ListConfig")[0]]
@@ -207,8 +203,7 @@ class Board:
 
 LOCK = "Accepted lock on new video type, update video config file: type {} on channel {}, video "
 CHANGED = "VIDEO_INPUT_CONFIGURATION_CHANGED"
-# Once taken: type and standard numbers (file, lock message), capture mode and
-# frequency, DetectedType, VideoType, video system's video_typeN, GetVideoProperties.
+# Once locked: type, standard, capture mode, frequency, DetectedType, VideoType, video type.
 CAMERAS = {"tvi:1080p25": (3, 0, 3, "50Hz", "HDTV1080p", 4, 0, (False, 4, 1.0, 25.0)),
            "cvbs:pal": (8, 3, 1, "50Hz", "PAL", 0, 1, (True, 0, 2.75, 25.0)),
            "cvbs:ntsc": (9, 3, 2, "60Hz", "NTSC", 1, 2, (True, 1, 2.75, 30.0)),
@@ -216,7 +211,6 @@ CAMERAS = {"tvi:1080p25": (3, 0, 3, "50Hz", "HDTV1080p", 4, 0, (False, 4, 1.0, 2
 
 
 def check_taken(board, ch, camera, auto, mode_changed, published_type=None):
-    """What the daemon tells the rest of the encoder about a channel carrying CAMERA."""
     vtype, standard, mode, freq, detected, video_type, setting, props = CAMERAS[camera]
     board.wait("connected", ch, "1", timeout=45)
     board.wait_property(ch, "DetectedType", detected)

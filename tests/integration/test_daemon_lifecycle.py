@@ -1,6 +1,5 @@
-"""The daemon's life on the virtual board: start-up, cameras locked in automatic
-mode and lost, the bus name taken over both ways, shutdown on a signal; and a
-capture mode service that refuses."""
+"""The daemon's life: start-up, locks and losses, the bus name taken over both ways,
+shutdown on a signal; and a capture mode service that refuses."""
 
 import os
 import signal
@@ -17,8 +16,7 @@ DEFAULT = [("standard", "5"), ("resolution", "31"), ("auto", "true"), ("configur
                                                     ("tp2826", False, signal.SIGINT, "cvbs:ntsc")])
 def test_start_up_locks_losses_name_taken_over_then_a_signal(boards, chip, cpuid, sig, changed):
     board = boards(chip=chip, capture_modes=["2:1080p"], cpuid=cpuid, gate_open=False)
-    first_owner = board.own_name(1)  # allows replacement
-    first_owner("acquired")
+    (first_owner := board.own_name(1))("acquired")  # allows replacement
     board.open_gate()
     first_config = wait_until(lambda: board.config_file(raw=True), 20, "the configuration file")
     board.wait_log(ACQUIRED)
@@ -38,9 +36,8 @@ def test_start_up_locks_losses_name_taken_over_then_a_signal(boards, chip, cpuid
     # type follows the pipeline's mode (channel 2 starts in 1080p).
     objects = board.call("GetManagedObjects", iface="org.freedesktop.DBus.ObjectManager",
                          user=NOBODY)[0]
-    assert {path: (o[VIDEO]["DetectedType"], o[VIDEO]["VideoType"])
-            for path, o in objects.items()} == {
-        f"{OBJECT}/{ch}": ("none", 4 if ch == 2 else 0) for ch in range(4)}
+    assert {p: (o[VIDEO]["DetectedType"], o[VIDEO]["VideoType"]) for p, o in objects.items()} \
+        == {f"{OBJECT}/{ch}": ("none", 4 if ch == 2 else 0) for ch in range(4)}
     assert board.get_property("MultiDeviceProperties", user=NOBODY) is cpuid  # cpuid_bit0
     for ch in range(4):  # once the manager has run
         board.wait("overlay", ch, "VIDEO_LOSS")
@@ -91,8 +88,7 @@ def test_refused_capture_mode_keeps_the_channel_searching_until_it_is_accepted(b
     board.open_gate()
     wait_until(lambda: board.messages().count(LOCK.format(3, 0) + "type = 0") >= 2, 45,
                "the lock retried on the next pass")
-    assert [m for m in board.messages()
-            if m.startswith("set_capture_mode Unable to set SetCaptureMode on channel 0")]
+    board.wait_log("set_capture_mode Unable to set SetCaptureMode on channel 0")
     assert [board.get("capture-mode", 0), board.config_file()["Channel 0"]["configured"],
             board.get_property("DetectedType", 0), board.list_config()[0]["capture_mode_changed"],
             board.status()["services"]["capture"][0]["set_capture_mode_calls"]] == [
