@@ -1,10 +1,12 @@
 #!/usr/bin/python3
 """Figures of vinmand on the virtual board: the work of an idle manager pass next to what
-it needs, resident memory, plug -> connected and SIGTERM -> exit times. Needs root, a Debug
-or Release build and strace."""
+it needs, resident memory, plug -> connected and SIGTERM -> exit times; with --valgrind also
+a leak check of a short run (start, lock, loss, SIGTERM). Needs root, a Debug or Release build
+and strace."""
 
 import os
 import random
+import re
 import select
 import signal
 import subprocess
@@ -90,8 +92,27 @@ def bench_idle_passes(args):
               "plugs (polled every 20 ms)")
 
 
+def bench_valgrind(args):
+    with tempfile.TemporaryDirectory(dir="/tmp") as out:
+        command = ["valgrind", "--leak-check=full", f"--log-file={out}/log",
+                   os.path.join(os.path.abspath(args.build), "src", "vinmand")]
+        with bl.Board(args.build, cameras=[], command=command) as board:
+            wait_for(lambda: any("Acquired" in ln.text for ln in board.all_log_lines()), 180,
+                     "the daemon to own its bus name")  # no PID to find under valgrind
+            board.ctl("plug", "0", "cvbs", "pal")
+            bl.wait_connected(board, 0, 1, 180)
+            board.ctl("unplug", "0")
+            bl.wait_connected(board, 0, 0, 180)
+            print(f"== valgrind --leak-check=full, exit status {board.stop(timeout=120)}")
+        print("\n".join("  " + m for m in re.findall(
+            r"^==\d+== +((?:definitely|indirectly|possibly) lost:.*|ERROR SUMMARY.*)$",
+            open(f"{out}/log").read(), re.M)))
+
+
 def main():
-    args = bl.parse_args(__doc__, passes=6, plugs=4, stops=5)
+    args = bl.parse_args(__doc__, passes=6, plugs=4, stops=5, valgrind=False)
+    if args.valgrind:
+        return bench_valgrind(args)
     bench_idle_passes(args)
     times, statuses = [], []
     for _ in range(args.stops):
